@@ -1,0 +1,133 @@
+// The object a host talks to: one reader, the card in its field, and the
+// record of the last failure.
+//
+//   elatectwn4::Encoder enc;                       // production PC/SC
+//   enc.Parameters("Device=Virtual PCD 00 00");
+//   if (enc.OpenEncoder() == elatectwn4::sceSuccess) {
+//       std::string uid;
+//       if (enc.ReadSerialNumber(uid) != elatectwn4::sceSuccess)
+//           std::cerr << enc.LastError().Description << '\n';
+//   }
+//
+// Every operation returns a sceReturnCode and never throws; on sceError the
+// details stand in LastError(). An Encoder is used from one thread at a time;
+// two Encoders on two readers may run in two threads at once.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "elatectwn4/error.h"
+#include "elatectwn4/export.h"
+#include "elatectwn4/pcsc.h"
+#include "elatectwn4/types.h"
+#include "elatectwn4/variant.h"
+
+namespace elatectwn4 {
+
+class ELATECTWN4_API Encoder {
+public:
+    /// An encoder over the system's PC/SC (libpcsclite).
+    Encoder();
+    /// An encoder over another PC/SC boundary: a simulator or a test fake.
+    explicit Encoder(std::shared_ptr<PcscApi> pcsc);
+    /// Closes the session (disconnects the card, releases the context).
+    ~Encoder();
+    Encoder(const Encoder&) = delete;
+    Encoder& operator=(const Encoder&) = delete;
+
+    // ---- State and error reporting -------------------------------------
+    /// The record of the last failure (Number 0 after a success). Writable.
+    CError& LastError();
+    /// sceClosed, sceOpened (no card) or sceReady; talks to the reader.
+    sceEncoderState EncoderState();
+    /// The card's answer-to-reset as hex bytes separated by blanks.
+    std::string ATRString();
+    /// The card type found from the ATR through the card-type registry.
+    sceCardTypes CardType();
+    /// Bytes of the card's serial number, from the card-type registry.
+    std::int32_t SerialNumberLength();
+
+    // ---- Parameters and information -------------------------------------
+    /// "Encoding capabilities=...\r\nDevice=<reader>".
+    std::string Parameters();
+    /// Entries "key=value" separated by CR LF (or ";" when there is no CR LF);
+    /// "Device" names the reader, every other key is ignored.
+    void Parameters(const std::string& text);
+    /// "Pellucid|Elatec TWN4|<major>.<minor>.<revision>|1|<n>|<capabilities>".
+    std::string GetInformation();
+
+    // ---- Reader session --------------------------------------------------
+    /// Establishes the PC/SC context and connects to the configured reader.
+    /// Succeeds without a card (LastError then holds 0x90010F06).
+    sceReturnCode OpenEncoder(std::int32_t Handle = 0);
+    /// Opens again; the result is only visible in LastError().
+    void ReOpenEncoder();
+    /// Disconnects the card and releases the context; closing twice is fine.
+    sceReturnCode CloseEncoder();
+
+    // ---- Card identity ---------------------------------------------------
+    /// The card's UID as contiguous hex digits ("04A1B2C3D4E5F6").
+    sceReturnCode ReadSerialNumber(std::string& SerialNumber);
+    /// Sends a raw reader command (hex text) and returns the raw answer as hex.
+    sceReturnCode Escape(const std::string& sCommand, std::string& sBuffer);
+    /// Five lines describing the reader (name, vendor, type, version, serial).
+    std::string ReaderType();
+    /// Readable text for a status word ("6982", "91AE", "AE").
+    std::string GetResponseText(const std::string& sw1sw2, const std::string& EncoderCommand);
+
+    // ---- MIFARE Classic: blocks ------------------------------------------
+    // Key: 12 hex digits. KeyType: 2 = key B, anything else key A. Blocks are
+    // 32 hex digits. Each member without the "Mifare" prefix forwards to it.
+    sceReturnCode MifareReadDataBloc(std::int32_t BlocNumber, const std::string& Key, std::uint8_t KeyType,
+                                     std::string& BlocContents);
+    sceReturnCode MifareReadManufacturerCode(const std::string& Key, std::uint8_t KeyType, std::int32_t& SerialNumber,
+                                             std::uint8_t& CheckSum, std::string& ManufacturerInfo);
+    sceReturnCode MifareWriteDataBloc(std::int32_t BlocNumber, const std::string& Key, std::uint8_t KeyType,
+                                      std::string& BlocContents);
+    sceReturnCode MifareWriteValueBloc(std::int32_t BlocNumber, const std::string& Key, std::uint8_t KeyType,
+                                       std::int32_t Value);
+    /// Replaces bytes FromByte..ToByte (0..15) of a block, keeping the others.
+    sceReturnCode MifareWriteBytesInBloc(std::int32_t BlocNumber, const std::string& Key, std::uint8_t KeyType,
+                                         std::uint8_t FromByte, std::uint8_t ToByte, std::string& BlocContents);
+
+    sceReturnCode ReadDataBloc(std::int32_t BlocNumber, const std::string& Key, std::uint8_t KeyType,
+                               std::string& BlocContents);
+    sceReturnCode ReadManufacturerCode(const std::string& Key, std::uint8_t KeyType, std::int32_t& SerialNumber,
+                                       std::uint8_t& CheckSum, std::string& ManufacturerInfo);
+    sceReturnCode WriteDataBloc(std::int32_t BlocNumber, const std::string& Key, std::uint8_t KeyType,
+                                std::string& BlocContents);
+    sceReturnCode WriteValueBloc(std::int32_t BlocNumber, const std::string& Key, std::uint8_t KeyType,
+                                 std::int32_t Value);
+    sceReturnCode WriteBytesInBloc(std::int32_t BlocNumber, const std::string& Key, std::uint8_t KeyType,
+                                   std::uint8_t FromByte, std::uint8_t ToByte, std::string& BlocContents);
+
+    // ---- MIFARE Classic: sector trailers -----------------------------------
+    /// Overrides one of the nine built-in data-block access conditions ("000".."111").
+    void MifareSetAccessCondition(std::int32_t AccessConditionNumber, const std::string& NewValue);
+    /// Security0..2: SCBS_SecurityLevelEnum sums (-1 = keep); Conditions: a
+    /// SCSS_SecurityLevelEnum sum (-1 = keep); KeysToUse 1 = key A only, 0 =
+    /// keep the card's scheme; BX empty = keep the card's byte 9.
+    sceReturnCode MifareWriteSectorTrailer(std::int32_t SectorNumber, const std::string& Key, std::uint8_t KeyType,
+                                           const std::string& KeyA, const std::string& KeyB, std::uint8_t KeysToUse,
+                                           std::int32_t Security0, std::int32_t Security1, std::int32_t Security2,
+                                           std::int32_t Conditions, const Variant& BX = {});
+    sceReturnCode MifareReadSectorTrailer(std::int32_t SectorNumber, const std::string& Key, std::uint8_t KeyType,
+                                          std::uint8_t& KeysUsed, std::int32_t& Security0, std::int32_t& Security1,
+                                          std::int32_t& Security2, std::int32_t& Conditions, std::uint8_t& BX);
+    sceReturnCode WriteSectorTrailer(std::int32_t SectorNumber, const std::string& Key, std::uint8_t KeyType,
+                                     const std::string& KeyA, const std::string& KeyB, std::uint8_t KeysToUse,
+                                     std::int32_t Security0, std::int32_t Security1, std::int32_t Security2,
+                                     std::int32_t Conditions, const Variant& BX = {});
+    sceReturnCode ReadSectorTrailer(std::int32_t SectorNumber, const std::string& Key, std::uint8_t KeyType,
+                                    std::uint8_t& KeysUsed, std::int32_t& Security0, std::int32_t& Security1,
+                                    std::int32_t& Security2, std::int32_t& Conditions, std::uint8_t& BX);
+
+    struct Impl;
+
+private:
+    std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace elatectwn4
