@@ -2,7 +2,10 @@
 
 #include <array>
 #include <exception>
+#include <new>
 #include <utility>
+
+#include "cipher/des_error.h"
 
 namespace elatectwn4 {
 
@@ -106,14 +109,16 @@ void RecordRuntimeError(CError& record, const std::string& comFunction) noexcept
         throw;
     } catch (const RuntimeError& e) {
         SetError(record, {e.number(), std::string(e.what()), 0, comFunction, std::string{}, std::string{}});
+    } catch (const cipher::DesError& e) {
+        SetError(record, {e.number(), std::string(e.what()), 0, comFunction, std::string{}, std::string{}});
     } catch (const std::bad_alloc&) {
         SetError(record, {7, std::string("Out of memory"), 0, comFunction, std::string{}, std::string{}});
     } catch (const std::exception& e) {
         SetError(record, {RuntimeInvalidCall, std::string("Unexpected error: ") + e.what(), 0, comFunction,
                           std::string{}, std::string{}});
     } catch (...) {
-        SetError(record, {RuntimeInvalidCall, std::string("Unexpected error"), 0, comFunction, std::string{},
-                          std::string{}});
+        SetError(record,
+                 {RuntimeInvalidCall, std::string("Unexpected error"), 0, comFunction, std::string{}, std::string{}});
     }
 }
 

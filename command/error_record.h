@@ -14,12 +14,12 @@ namespace elatectwn4::command {
 /// The arguments of SetError: every member is optional and an absent one
 /// leaves its field of the record unchanged.
 struct ErrorUpdate {
-    std::optional<std::int64_t> number;  ///< stored modulo 2^32, read back signed
-    std::optional<std::string> description;
-    std::optional<std::int64_t> lastDllError;
-    std::optional<std::string> comFunction;
-    std::optional<std::string> rdrCommand;
-    std::optional<std::string> rdrRetCode;
+    std::optional<std::int64_t> number{};  ///< stored modulo 2^32, read back signed
+    std::optional<std::string> description{};
+    std::optional<std::int64_t> lastDllError{};
+    std::optional<std::string> comFunction{};
+    std::optional<std::string> rdrCommand{};
+    std::optional<std::string> rdrRetCode{};
 };
 
 /// Writes the given members into the record; never fails.
@@ -48,9 +48,9 @@ private:
 };
 
 /// Error numbers of run-time errors that are not the component's own table.
-inline constexpr std::int64_t RuntimeOverflow = 6;          ///< "Overflow"
-inline constexpr std::int64_t RuntimeTypeMismatch = 13;     ///< "Type mismatch"
-inline constexpr std::int64_t RuntimeInvalidCall = 5;       ///< "Invalid procedure call or argument"
+inline constexpr std::int64_t RuntimeOverflow = 6;                    ///< "Overflow"
+inline constexpr std::int64_t RuntimeTypeMismatch = 13;               ///< "Type mismatch"
+inline constexpr std::int64_t RuntimeInvalidCall = 5;                 ///< "Invalid procedure call or argument"
 inline constexpr std::int64_t RuntimeUserDefined = 0x800A0000 + 513;  ///< object-raised errors (DES engine)
 
 /// The record after an unexpected exception escaped an operation: the

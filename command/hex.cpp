@@ -88,7 +88,8 @@ std::vector<std::uint8_t> HexToByteArray(std::string_view text) {
     std::string digits = WithoutBlanks(text);
     if (digits.size() % 2 != 0) digits.insert(digits.begin(), '0');
     std::vector<std::uint8_t> bytes(digits.size() / 2);
-    for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = PairValue(digits[2 * i], digits[2 * i + 1]);
+    for (std::size_t i = 0; i < bytes.size(); ++i)
+        bytes[i] = PairValue(digits[2 * i], digits[2 * i + 1]);
     return bytes;
 }
 

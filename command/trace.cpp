@@ -54,16 +54,21 @@ Sink& TheSink() {
 
 }  // namespace
 
-bool TraceEnabled() noexcept { return TheSink().enabled(); }
+bool TraceEnabled() noexcept {
+    return TheSink().enabled();
+}
 
-void Trace(std::string_view line) noexcept { TheSink().write(line); }
+void Trace(std::string_view line) noexcept {
+    TheSink().write(line);
+}
 
 void TraceBytes(std::string_view prefix, std::span<const std::uint8_t> bytes, SecretRange secret) noexcept {
     if (!TraceEnabled()) return;
     try {
         auto hidden = [&](std::size_t i) { return i >= secret.from && i - secret.from < secret.count; };
         std::string line(prefix);
-        for (std::size_t i = 0; i < bytes.size(); ++i) line += hidden(i) ? std::string("**") : ByteHex(bytes[i]);
+        for (std::size_t i = 0; i < bytes.size(); ++i)
+            line += hidden(i) ? std::string("**") : ByteHex(bytes[i]);
         line += " (";
         for (std::size_t i = 0; i < bytes.size(); ++i) {
             if (i != 0) line += ',';

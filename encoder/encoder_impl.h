@@ -5,8 +5,10 @@
 #include <array>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <random>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "command/channel.h"
@@ -23,7 +25,21 @@ struct DesfireSession {
     std::int32_t authenticatedKeyNumber = -1;
     std::vector<std::uint8_t> versionCache;  ///< empty = none
 
+    DesfireSession() = default;
+    DesfireSession(const DesfireSession&) = delete;
+    DesfireSession& operator=(const DesfireSession&) = delete;
+    ~DesfireSession() { Reset(); }
+
+    /// Forgets the selection and authentication; the key bytes are
+    /// overwritten before the text is emptied.
     void Reset() noexcept;
+};
+
+/// How GetAttribText shows an attribute's value.
+enum class AttribMode : std::uint32_t {
+    Version = 0,  ///< 4-byte little-endian number shown as "a.b.c.d", most significant first
+    Text = 1,     ///< NUL-terminated text
+    Raw = 3,      ///< the bytes as they stand (a byte string)
 };
 
 struct Encoder::Impl {
@@ -33,8 +49,8 @@ struct Encoder::Impl {
     CError error;
     command::Channel channel;
 
-    std::string deviceName;       ///< from the "Device=" entry of Parameters
-    std::string atrText;          ///< "3B 8F 80 ..."
+    std::string deviceName;  ///< from the "Device=" entry of Parameters
+    std::string atrText;     ///< "3B 8F 80 ..."
     sceCardTypes cardType = sceUnhandled;
     std::int32_t serialLength = 0;
 
@@ -46,6 +62,69 @@ struct Encoder::Impl {
     std::mt19937 random;  ///< GetInformation's instance number only; never for keys
 
     mifare::Context mifareContext();
+
+    // ---- The reader session (session.cpp) --------------------------------
+
+    /// Establishes the context when there is none and connects to the card in
+    /// the configured reader. A reader without a card is still an open
+    /// encoder (sceSuccess, record 0x90010F06). On any other connection
+    /// failure the session is closed again when closeOnFailure is set.
+    sceReturnCode OpenComm(bool closeOnFailure);
+    /// Drops the DESFire session, the card and the context; never fails.
+    void CloseComm() noexcept;
+    /// Makes sure a card is connected: checks the card handle, reconnects
+    /// when the card went away or there was none. Fails with 0x90010F01 when
+    /// the encoder is closed, 0x90010F06 when there is no card, 0x90010F03
+    /// for any other connection failure.
+    sceReturnCode SelectCardInRange();
+
+    /// Sets the ATR, card type and serial length from an ATR text.
+    void IdentifyCardType(std::string_view atr);
+    /// Reads attribute `attribute` of the connected card and shows it per
+    /// `mode`; nullopt when there is no card or the driver refuses it.
+    std::optional<std::string> GetAttribValue(std::uint32_t attribute, AttribMode mode);
+    /// `format` with every "%1" replaced by the shown value ("" when unreadable).
+    std::string GetAttribText(std::string_view format, std::uint32_t attribute, AttribMode mode);
+
+    /// Empties the MIFARE key table.
+    void ClearKeyCache() noexcept;
+
+private:
+    /// Connects to `reader` into the card handle; returns the PC/SC code.
+    std::uint32_t Connect(const std::string& reader);
+    /// After a successful connection: read the ATR, identify the card, and
+    /// handle the reader answer that needs a fresh connection. Returns false
+    /// when that fresh connection failed (the record says why and the session
+    /// is closed).
+    bool AfterConnect(const std::string& comFunction);
+    /// The ATR of the connected card as blank-separated hex ("" if unreadable).
+    std::string ReadAtrText();
+    /// Forgets the card handle (disconnecting it when there is one) and
+    /// everything learnt from the card.
+    void DropCard() noexcept;
 };
+
+/// The card families the component encodes, as Parameters and GetInformation name them.
+inline constexpr std::string_view kCapabilities = "Mifare Classic, Mifare Ultralight, Mifare DESFire";
+
+/// The "Device=" value a Parameters text sets, or nullopt when it has none
+/// (the last "device" entry wins).
+std::optional<std::string> DeviceFromParameters(std::string_view text);
+
+/// The GetInformation text for a version and an instance number.
+std::string InformationText(int major, int minor, int patch, int instance);
+
+/// The ATR of a reader answering in a mode that hides the card: it needs the
+/// simple protocol and a fresh connection.
+inline constexpr std::string_view kReaderModeAtr = "3B 86 81 11 FE 81 43 69 6E 64 79 30";
+
+/// The dotted form of a version attribute: 4 bytes little-endian, shown most
+/// significant first ("1.2.3.4" for 04 03 02 01); "" without bytes.
+std::string VersionText(const std::vector<std::uint8_t>& value);
+
+/// PC/SC codes that mean "no card to talk to": the encoder stays open.
+bool IsNoCardCode(std::uint32_t code) noexcept;
+/// PC/SC codes after which the context is useless (pcscd gone or restarted).
+bool IsContextLostCode(std::uint32_t code) noexcept;
 
 }  // namespace elatectwn4

@@ -15,14 +15,19 @@ inline constexpr std::string_view kAddNewCardsValue = "Add new cards";
 
 /// What IdentifyCardType found for an ATR.
 struct CardIdentity {
-    std::string atr;                          ///< trimmed, upper case
-    std::int32_t cardType = 1;                ///< sceCardTypes; 1 = unknown
-    std::optional<std::int32_t> serialLength; ///< set only when an entry matched
+    std::string atr;                           ///< trimmed, upper case
+    std::int32_t cardType = 1;                 ///< sceCardTypes; 1 = unknown
+    std::optional<std::int32_t> serialLength;  ///< set only when an entry matched
 };
 
-/// Matches `atr` against the registered card types (first entry whose ATR
-/// fragment the ATR contains wins) and, when none matches and "Add new
-/// cards" is non-zero, records the ATR once as "Unknown (yyyy-mm-dd hh:mm:ss)".
+/// Matches `atr` (trimmed of blanks, upper-cased) against the registered card
+/// types: the first value, in file order, made of three ";"-separated fields
+/// whose second field the ATR contains gives the card type and serial length
+/// (both in hex). The search is a plain substring search, so "3B8180" does not
+/// match "3B 81 80". When nothing matches, "Add new cards" is non-zero and no
+/// value's first field is the ATR already, the ATR is recorded as
+/// "Unknown (yyyy-mm-dd hh:mm:ss)"; that check is repeated under the store's
+/// lock, so processes seeing the same new card at once record it once.
 /// Registry failures are kept in the registry's own last error; never throws.
 CardIdentity IdentifyCardType(std::string_view atr) noexcept;
 

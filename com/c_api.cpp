@@ -1,0 +1,241 @@
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "com/c_encoder.h"
+#include "elatectwn4/dispatch.h"
+
+using elatectwn4::DispatchError;
+using elatectwn4::Encoder;
+using elatectwn4::MemberKind;
+using elatectwn4::Variant;
+
+namespace elatectwn4::c_api {
+
+char* Duplicate(std::string_view text) noexcept {
+    auto* out = static_cast<char*>(std::malloc(text.size() + 1));
+    if (out == nullptr) return nullptr;
+    if (!text.empty()) std::memcpy(out, text.data(), text.size());
+    out[text.size()] = '\0';
+    return out;
+}
+
+}  // namespace elatectwn4::c_api
+
+namespace {
+
+using elatectwn4::c_api::Duplicate;
+
+void SetMessage(char** message, std::string_view text) {
+    if (message != nullptr) *message = Duplicate(text);
+}
+
+bool ToVariant(const elatectwn4_value& in, Variant& out) {
+    switch (in.type) {
+        case ELATECTWN4_EMPTY: out = std::monostate{}; return true;
+        case ELATECTWN4_BOOL: out = in.number != 0; return true;
+        case ELATECTWN4_BYTE: out = static_cast<std::uint8_t>(in.number); return true;
+        case ELATECTWN4_LONG: out = in.number; return true;
+        case ELATECTWN4_DOUBLE: out = in.real; return true;
+        case ELATECTWN4_STRING:
+            out = in.text == nullptr ? std::string() : std::string(in.text, in.length);
+            return true;
+        case ELATECTWN4_BYTES:
+            out = in.text == nullptr ? std::vector<std::uint8_t>()
+                                     : std::vector<std::uint8_t>(in.text, in.text + in.length);
+            return true;
+    }
+    return false;
+}
+
+elatectwn4_value FromVariant(const Variant& v) {
+    elatectwn4_value out{};
+    std::visit(
+        [&](const auto& x) {
+            using T = std::decay_t<decltype(x)>;
+            if constexpr (std::is_same_v<T, bool>) {
+                out.type = ELATECTWN4_BOOL;
+                out.number = x ? 1 : 0;
+            } else if constexpr (std::is_same_v<T, std::uint8_t>) {
+                out.type = ELATECTWN4_BYTE;
+                out.number = x;
+            } else if constexpr (std::is_same_v<T, std::int32_t>) {
+                out.type = ELATECTWN4_LONG;
+                out.number = x;
+            } else if constexpr (std::is_same_v<T, double>) {
+                out.type = ELATECTWN4_DOUBLE;
+                out.real = x;
+            } else if constexpr (std::is_same_v<T, std::string>) {
+                out.type = ELATECTWN4_STRING;
+                out.text = Duplicate(x);
+                out.length = x.size();
+            } else if constexpr (std::is_same_v<T, std::vector<std::uint8_t>>) {
+                out.type = ELATECTWN4_BYTES;
+                out.text = Duplicate(std::string_view(reinterpret_cast<const char*>(x.data()), x.size()));
+                out.length = x.size();
+            }
+        },
+        v);
+    return out;
+}
+
+int CallCode(DispatchError::Reason reason) {
+    switch (reason) {
+        case DispatchError::Reason::UnknownName: return ELATECTWN4_CALL_UNKNOWN_NAME;
+        case DispatchError::Reason::BadParamCount: return ELATECTWN4_CALL_BAD_PARAM_COUNT;
+        case DispatchError::Reason::TypeMismatch: return ELATECTWN4_CALL_TYPE_MISMATCH;
+        case DispatchError::Reason::Overflow: return ELATECTWN4_CALL_OVERFLOW;
+    }
+    return ELATECTWN4_CALL_INVALID;
+}
+
+}  // namespace
+
+extern "C" {
+
+elatectwn4_encoder* elatectwn4_create(void) {
+    try {
+        return new elatectwn4_encoder{std::make_unique<Encoder>(), {}};
+    } catch (...) {
+        return nullptr;
+    }
+}
+
+void elatectwn4_destroy(elatectwn4_encoder* encoder) {
+    if (encoder == nullptr) return;
+    try {
+        encoder->encoder.reset();
+        if (encoder->onDestroy) encoder->onDestroy();
+    } catch (...) {
+        // Destruction reports nothing; a simulator that cannot save has said so on stderr.
+    }
+    delete encoder;
+}
+
+int elatectwn4_call(elatectwn4_encoder* encoder, const char* member, int kind, elatectwn4_value* args, size_t count,
+                    elatectwn4_value* result, char** message) {
+    if (message != nullptr) *message = nullptr;
+    if (result != nullptr) *result = elatectwn4_value{};
+    if (encoder == nullptr || member == nullptr || (count != 0 && args == nullptr) || kind < ELATECTWN4_METHOD ||
+        kind > ELATECTWN4_PROPERTY_PUT) {
+        SetMessage(message, "invalid encoder, member name, argument list or member kind");
+        return ELATECTWN4_CALL_INVALID;
+    }
+    try {
+        std::vector<Variant> values(count);
+        for (size_t i = 0; i < count; ++i) {
+            if (!ToVariant(args[i], values[i])) {
+                SetMessage(message, "argument " + std::to_string(i + 1) + ": unknown value type");
+                return ELATECTWN4_CALL_INVALID;
+            }
+        }
+        const auto memberKind = static_cast<MemberKind>(kind);
+        const auto called = elatectwn4::Invoke(*encoder->encoder, member, memberKind, values);
+        const auto* info = elatectwn4::FindMember("_Encoder", member, memberKind);
+        for (size_t i = 0; i < count && info != nullptr && i < info->params.size(); ++i) {
+            if (info->params[i].inOut) args[i] = FromVariant(values[i]);
+        }
+        if (result != nullptr) *result = FromVariant(called.value);
+        return ELATECTWN4_CALL_OK;
+    } catch (const DispatchError& e) {
+        SetMessage(message, e.what());
+        return CallCode(e.reason());
+    } catch (const std::exception& e) {
+        SetMessage(message, e.what());
+        return ELATECTWN4_CALL_INVALID;
+    }
+}
+
+size_t elatectwn4_member_count(void) { return elatectwn4::Members().size(); }
+
+char* elatectwn4_member_signature(size_t index) {
+    const auto members = elatectwn4::Members();
+    if (index >= members.size()) return nullptr;
+    const auto& m = members[index];
+    return Duplicate(std::string(m.interfaceName) + "." + elatectwn4::Signature(m));
+}
+
+int32_t elatectwn4_last_error(elatectwn4_encoder* encoder, elatectwn4_error* error) {
+    if (encoder == nullptr) return 0;
+    const auto& e = encoder->encoder->LastError();
+    if (error != nullptr) {
+        *error = elatectwn4_error{e.Number,
+                                  Duplicate(e.Description),
+                                  e.LastDllError,
+                                  Duplicate(e.ComFunction),
+                                  Duplicate(e.RdrCommand),
+                                  Duplicate(e.RdrRetCode)};
+    }
+    return e.Number;
+}
+
+void elatectwn4_set_reader(elatectwn4_encoder* encoder, const char* reader_name) {
+    if (encoder == nullptr) return;
+    encoder->encoder->Parameters(std::string("Device=") + (reader_name ? reader_name : ""));
+}
+
+int32_t elatectwn4_open(elatectwn4_encoder* encoder) {
+    return encoder ? encoder->encoder->OpenEncoder() : ELATECTWN4_SCE_ERROR;
+}
+
+int32_t elatectwn4_close(elatectwn4_encoder* encoder) {
+    return encoder ? encoder->encoder->CloseEncoder() : ELATECTWN4_SCE_ERROR;
+}
+
+int32_t elatectwn4_state(elatectwn4_encoder* encoder) { return encoder ? encoder->encoder->EncoderState() : 0; }
+
+int32_t elatectwn4_read_serial_number(elatectwn4_encoder* encoder, char** serial_number) {
+    if (encoder == nullptr) return ELATECTWN4_SCE_ERROR;
+    std::string uid;
+    const auto rc = encoder->encoder->ReadSerialNumber(uid);
+    if (serial_number != nullptr) *serial_number = Duplicate(uid);
+    return rc;
+}
+
+char* elatectwn4_atr(elatectwn4_encoder* encoder) {
+    return encoder ? Duplicate(encoder->encoder->ATRString()) : nullptr;
+}
+
+int32_t elatectwn4_card_type(elatectwn4_encoder* encoder) { return encoder ? encoder->encoder->CardType() : 0; }
+
+int32_t elatectwn4_read_block(elatectwn4_encoder* encoder, int32_t block, const char* key, uint8_t key_type,
+                              char** contents) {
+    if (encoder == nullptr) return ELATECTWN4_SCE_ERROR;
+    std::string text;
+    const auto rc = encoder->encoder->ReadDataBloc(block, key ? key : "", key_type, text);
+    if (contents != nullptr) *contents = Duplicate(text);
+    return rc;
+}
+
+int32_t elatectwn4_write_block(elatectwn4_encoder* encoder, int32_t block, const char* key, uint8_t key_type,
+                               const char* contents) {
+    if (encoder == nullptr) return ELATECTWN4_SCE_ERROR;
+    std::string text = contents ? contents : "";
+    return encoder->encoder->WriteDataBloc(block, key ? key : "", key_type, text);
+}
+
+char* elatectwn4_response_text(elatectwn4_encoder* encoder, const char* sw1sw2, const char* encoder_command) {
+    if (encoder == nullptr) return nullptr;
+    return Duplicate(encoder->encoder->GetResponseText(sw1sw2 ? sw1sw2 : "", encoder_command ? encoder_command : ""));
+}
+
+void elatectwn4_free(void* text) { std::free(text); }
+
+void elatectwn4_value_clear(elatectwn4_value* value) {
+    if (value == nullptr) return;
+    std::free(value->text);
+    *value = elatectwn4_value{};
+}
+
+void elatectwn4_error_clear(elatectwn4_error* error) {
+    if (error == nullptr) return;
+    std::free(error->description);
+    std::free(error->com_function);
+    std::free(error->rdr_command);
+    std::free(error->rdr_ret_code);
+    *error = elatectwn4_error{};
+}
+
+}  // extern "C"

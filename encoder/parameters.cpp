@@ -1,0 +1,62 @@
+// The Parameters text hosts write, and the GetInformation text they read.
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "encoder/encoder_impl.h"
+
+namespace elatectwn4 {
+
+namespace {
+
+// Hosts pad entries with blanks ("DEVICE = Reader 2"); only blanks are
+// trimmed, as hosts have always seen it.
+std::string_view TrimBlanks(std::string_view text) {
+    const auto first = text.find_first_not_of(' ');
+    if (first == std::string_view::npos) return {};
+    const auto last = text.find_last_not_of(' ');
+    return text.substr(first, last - first + 1);
+}
+
+std::vector<std::string_view> SplitEntries(std::string_view text) {
+    // One entry per line when the host wrote lines; a ";" is then part of a value.
+    const std::string_view separator = text.find("\r\n") != std::string_view::npos ? "\r\n" : ";";
+    std::vector<std::string_view> entries;
+    std::size_t start = 0;
+    for (std::size_t at = text.find(separator); at != std::string_view::npos; at = text.find(separator, start)) {
+        entries.push_back(text.substr(start, at - start));
+        start = at + separator.size();
+    }
+    entries.push_back(text.substr(start));
+    return entries;
+}
+
+bool IsDeviceKey(std::string_view key) {
+    constexpr std::string_view kDevice = "device";
+    if (key.size() != kDevice.size()) return false;
+    for (std::size_t i = 0; i < key.size(); ++i) {
+        const char c = key[i] >= 'A' && key[i] <= 'Z' ? static_cast<char>(key[i] - 'A' + 'a') : key[i];
+        if (c != kDevice[i]) return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+std::optional<std::string> DeviceFromParameters(std::string_view text) {
+    std::optional<std::string> device;
+    for (std::string_view entry : SplitEntries(text)) {
+        const auto equals = entry.find('=');
+        const std::string_view key = TrimBlanks(entry.substr(0, equals));
+        if (!IsDeviceKey(key)) continue;
+        device = equals == std::string_view::npos ? std::string{} : std::string(TrimBlanks(entry.substr(equals + 1)));
+    }
+    return device;
+}
+
+std::string InformationText(int major, int minor, int patch, int instance) {
+    return "Pellucid|Elatec TWN4|" + std::to_string(major) + '.' + std::to_string(minor) + '.' + std::to_string(patch) +
+           "|1|" + std::to_string(instance) + '|' + std::string(kCapabilities);
+}
+
+}  // namespace elatectwn4

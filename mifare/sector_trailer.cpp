@@ -1,0 +1,179 @@
+// Sector trailers: the host's security wishes written as access bits, and
+// the trailer read back into the same coarse terms.
+#include <array>
+#include <string>
+
+#include "command/error_record.h"
+#include "mifare/access_bits.h"
+#include "mifare/block.h"
+#include "mifare/mifare.h"
+#include "mifare/record.h"
+#include "mifare/variant_byte.h"
+
+namespace elatectwn4::mifare {
+
+namespace {
+
+constexpr std::size_t kAccessByteIndex = 6;  // bytes 6, 7, 8 of the trailer
+constexpr std::size_t kBxByteIndex = 9;
+constexpr std::uint8_t kTrailerMask = MaskOfBlock(3);
+
+// Security values the host may pass; -1 keeps the block's current condition.
+constexpr std::int32_t kKeepCondition = -1;
+constexpr std::int32_t kHighestSecurity = 15;
+
+bool IsSecurityInRange(std::int32_t value) noexcept {
+    return value >= kKeepCondition && value <= kHighestSecurity;
+}
+
+AccessBytes AccessBytesOf(std::string_view trailerHex) noexcept {
+    return {HexByteAt(trailerHex, kAccessByteIndex), HexByteAt(trailerHex, kAccessByteIndex + 1),
+            HexByteAt(trailerHex, kAccessByteIndex + 2)};
+}
+
+}  // namespace
+
+void MifareSetAccessCondition(Context& ctx, std::int32_t AccessConditionNumber, const std::string& NewValue) {
+    if (!IsAccessConditionText(NewValue)) return;
+    if (AccessConditionNumber < 1 || AccessConditionNumber > static_cast<std::int32_t>(ctx.accessConditions.size())) {
+        return;
+    }
+    ctx.accessConditions[static_cast<std::size_t>(AccessConditionNumber - 1)] = NewValue;
+}
+
+sceReturnCode MifareWriteSectorTrailer(Context& ctx, std::int32_t SectorNumber, const std::string& Key,
+                                       std::uint8_t KeyType, const std::string& KeyA, const std::string& KeyB,
+                                       std::uint8_t KeysToUse, std::int32_t Security0, std::int32_t Security1,
+                                       std::int32_t Security2, std::int32_t Conditions, const Variant& BX) {
+    static const std::string kName = "MifareWriteSectorTrailer";
+    command::ClearError(Record(ctx), kName);
+
+    SectorTrailer trailer;
+    const auto keyA = ParseHexBytes<KeySize>(KeyA);
+    const auto keyB = keyA ? ParseHexBytes<KeySize>(KeyB) : std::nullopt;
+    if (!keyA || !keyB) {
+        command::Fail(Record(ctx), ErrorNumber::KeyMustBe12Hex, kName);
+        return sceError;
+    }
+    trailer.keyA = *keyA;
+    trailer.keyB = *keyB;
+
+    for (const std::int32_t security : {Security0, Security1, Security2, Conditions}) {
+        if (!IsSecurityInRange(security)) {
+            command::Fail(Record(ctx), ErrorNumber::InvalidSecurityInformation, kName);
+            return sceError;
+        }
+    }
+
+    std::optional<std::uint8_t> givenBx;
+    if (!IsEmpty(BX)) {
+        givenBx = VariantToByte(BX);
+        if (!givenBx) {
+            command::Fail(Record(ctx), ErrorNumber::IncorrectBX, kName);
+            return sceError;
+        }
+    }
+
+    std::int32_t trailerBlock = 0;
+    try {
+        trailerBlock = CheckedLong(std::int64_t{CheckedLong(std::int64_t{4} * SectorNumber)} + 3);
+    } catch (...) {
+        command::RecordRuntimeError(Record(ctx), kName);
+        return sceError;
+    }
+
+    // The current trailer gives the access bits of the blocks the host keeps
+    // (-1), the key scheme when KeysToUse is 0, and BX when none is given.
+    std::string current;
+    if (MifareReadDataBloc(ctx, trailerBlock, Key, KeyType, current) != sceSuccess) {
+        NameFailure(ctx, kName);
+        return sceError;
+    }
+    std::uint8_t keysUsed = 0;
+    std::int32_t unused0 = 0;
+    std::int32_t unused1 = 0;
+    std::int32_t unused2 = 0;
+    std::int32_t unusedConditions = 0;
+    std::uint8_t currentBx = 0;
+    if (MifareReadSectorTrailer(ctx, SectorNumber, Key, KeyType, keysUsed, unused0, unused1, unused2, unusedConditions,
+                                currentBx) != sceSuccess) {
+        return sceError;
+    }
+    const std::uint8_t keyScheme = KeysToUse == 0 ? keysUsed : KeysToUse;
+
+    trailer.access = AccessBytesOf(current);
+    const std::array<sceReturnCode, 4> encoded{
+        EncodeDataBlockCondition(ctx.accessConditions, Security0, keyScheme, MaskOfBlock(0), trailer.access),
+        EncodeDataBlockCondition(ctx.accessConditions, Security1, keyScheme, MaskOfBlock(1), trailer.access),
+        EncodeDataBlockCondition(ctx.accessConditions, Security2, keyScheme, MaskOfBlock(2), trailer.access),
+        EncodeTrailerCondition(Conditions, keyScheme, kTrailerMask, trailer.access),
+    };
+    for (const sceReturnCode result : encoded) {
+        if (result != sceSuccess) {
+            command::Fail(Record(ctx), ErrorNumber::InvalidSecurityInformation, kName);
+            return sceError;
+        }
+    }
+    trailer.bx = givenBx.value_or(currentBx);
+
+    Block block = trailer.ToBlock();
+    std::string text = ToHex(block);
+    Wipe(block);
+    const sceReturnCode written = MifareWriteDataBloc(ctx, trailerBlock, Key, KeyType, text);
+    Wipe(text);
+    if (written != sceSuccess) {
+        NameFailure(ctx, kName);
+        return sceError;
+    }
+    command::ClearError(Record(ctx), kName);
+    return sceSuccess;
+}
+
+sceReturnCode MifareReadSectorTrailer(Context& ctx, std::int32_t SectorNumber, const std::string& Key,
+                                      std::uint8_t KeyType, std::uint8_t& KeysUsed, std::int32_t& Security0,
+                                      std::int32_t& Security1, std::int32_t& Security2, std::int32_t& Conditions,
+                                      std::uint8_t& BX) {
+    static const std::string kName = "MifareReadSectorTrailer";
+    Security0 = 0;
+    Security1 = 0;
+    Security2 = 0;
+    Conditions = 0;
+    command::ClearError(Record(ctx), kName);
+
+    std::int32_t trailerBlock = 0;
+    try {
+        trailerBlock =
+            CheckedLong(std::int64_t{CheckedLong(std::int64_t{CheckedLong(std::int64_t{SectorNumber} + 1)} * 4)} - 1);
+    } catch (...) {
+        command::RecordRuntimeError(Record(ctx), kName);
+        return sceError;
+    }
+
+    if (ctx.selectCardInRange && ctx.selectCardInRange() != sceSuccess) {
+        NameFailure(ctx, kName);
+        return sceError;
+    }
+    if (MifareAuthenticate(ctx, KeyType, trailerBlock, Key, ReaderKeySlot) != sceSuccess) {
+        NameFailure(ctx, kName);
+        return sceError;
+    }
+    std::string text;
+    if (MifareReadDataBloc(ctx, trailerBlock, Key, KeyType, text) != sceSuccess) {
+        NameFailure(ctx, kName);
+        return sceError;
+    }
+
+    const AccessBytes access = AccessBytesOf(text);
+    BX = HexByteAt(text, kBxByteIndex);
+    Security0 = DataBlockSecurityOf(ConditionOfBlock(access, 0));
+    Security1 = DataBlockSecurityOf(ConditionOfBlock(access, 1));
+    Security2 = DataBlockSecurityOf(ConditionOfBlock(access, 2));
+    const TrailerSecurity own = TrailerSecurityOf(ConditionOfBlock(access, 3));
+    KeysUsed = own.keysUsed;
+    Conditions = own.conditions;
+    Wipe(text);
+    command::ClearError(Record(ctx), kName);
+    return sceSuccess;
+}
+
+}  // namespace elatectwn4::mifare

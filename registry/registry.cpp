@@ -1,0 +1,551 @@
+#include "registry/registry.h"
+
+#include <array>
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+
+#include "registry/reg_file.h"
+#include "registry/store.h"
+
+namespace elatectwn4::registry {
+namespace {
+
+constexpr std::string_view kTextCannotConnect = "Cannot open Registry for computer ";
+constexpr std::string_view kTextOpenKey = "Unable to open registry key";
+constexpr std::string_view kTextReadValue = "Error while reading value";
+constexpr std::string_view kTextWriteData = "Error while writing data in the Registry";
+constexpr std::string_view kTextTypeRefused = "Unable to save this type of data in the Registry";
+constexpr std::string_view kTextEnumValues = "Unable to read the value names for the Registry";
+constexpr std::string_view kTextEnumKeys = "Unable to read the key names for the Registry";
+constexpr std::string_view kTextOpenPath = "Error while opening the specified path";
+constexpr std::string_view kTextDeleteRoot = "Can't delete a registry root!";
+constexpr std::string_view kTextDeleteUnnamed = "Can't delete unnamed key";
+constexpr std::string_view kTextDeleteSubtree = "Can't delete a sub-tree";
+constexpr std::string_view kTextDeleteMainKey = "Can't delete a main key just below the root";
+constexpr std::string_view kTextDeleteKey = "Unable to delete specified key";
+constexpr std::string_view kTextDeleteValue = "Unable to delete specified value";
+
+constexpr std::string_view kRemotePrefix = "\\\\";
+
+// The platform refuses value names longer than this.
+constexpr std::size_t kMaxValueNameLength = 16383;
+
+// Significant digits of the host's text form of single and double numbers.
+constexpr int kSingleDigits = 7;
+constexpr int kDoubleDigits = 15;
+
+// Day zero of the host's dates: a date on it is a time of day alone.
+constexpr std::chrono::year_month_day kDateZero{std::chrono::year{1899}, std::chrono::December, std::chrono::day{30}};
+
+std::string JoinPath(const std::vector<std::string>& components) {
+    std::string path;
+    for (const auto& c : components) {
+        if (!path.empty()) path += '\\';
+        path += c;
+    }
+    return path;
+}
+
+std::string FormatNumberText(double value, int digits) {
+    std::array<char, 64> buffer{};
+    const auto end =
+        std::to_chars(buffer.data(), buffer.data() + buffer.size(), value, std::chars_format::general, digits).ptr;
+    std::string text(buffer.data(), end);
+    for (auto& c : text) {
+        if (c == 'e') c = 'E';  // the host writes 1E+15
+    }
+    return text;
+}
+
+std::string FormatSingleText(float value) {
+    std::array<char, 64> buffer{};
+    const auto end =
+        std::to_chars(buffer.data(), buffer.data() + buffer.size(), value, std::chars_format::general, kSingleDigits)
+            .ptr;
+    std::string text(buffer.data(), end);
+    for (auto& c : text) {
+        if (c == 'e') c = 'E';
+    }
+    return text;
+}
+
+// The "General date" form, in the ISO order the card-type table also uses:
+// date and time, the date alone at midnight, the time alone on day zero.
+std::string GeneralDateText(RegDate when) {
+    using namespace std::chrono;
+    const auto day = floor<days>(when);
+    const year_month_day ymd{day};
+    const hh_mm_ss time{when - day};
+    std::array<char, 48> buffer{};
+    int n = 0;
+    if (ymd == kDateZero) {
+        n = std::snprintf(buffer.data(), buffer.size(), "%02d:%02d:%02d", static_cast<int>(time.hours().count()),
+                          static_cast<int>(time.minutes().count()), static_cast<int>(time.seconds().count()));
+    } else if (time.to_duration() == seconds{0}) {
+        n = std::snprintf(buffer.data(), buffer.size(), "%04d-%02u-%02u", static_cast<int>(ymd.year()),
+                          static_cast<unsigned>(ymd.month()), static_cast<unsigned>(ymd.day()));
+    } else {
+        n = std::snprintf(buffer.data(), buffer.size(), "%04d-%02u-%02u %02d:%02d:%02d", static_cast<int>(ymd.year()),
+                          static_cast<unsigned>(ymd.month()), static_cast<unsigned>(ymd.day()),
+                          static_cast<int>(time.hours().count()), static_cast<int>(time.minutes().count()),
+                          static_cast<int>(time.seconds().count()));
+    }
+    return std::string(buffer.data(), static_cast<std::size_t>(std::max(n, 0)));
+}
+
+// What a caller's value becomes in the store; nullopt for kinds the
+// registry cannot hold.
+std::optional<StoredData> ToStored(const RegData& value) {
+    struct Visitor {
+        std::optional<StoredData> operator()(std::monostate) const { return std::nullopt; }
+        // Booleans are left open by the host; 1 reads naturally in the file and
+        // every reader of the table tests for non-zero.
+        std::optional<StoredData> operator()(bool v) const {
+            return std::optional<StoredData>{std::in_place, std::uint32_t{v ? 1u : 0u}};
+        }
+        std::optional<StoredData> operator()(std::uint8_t v) const {
+            return std::optional<StoredData>{std::in_place, std::uint32_t{v}};
+        }
+        std::optional<StoredData> operator()(std::int16_t v) const {
+            return std::optional<StoredData>{std::in_place, static_cast<std::uint32_t>(static_cast<std::int32_t>(v))};
+        }
+        std::optional<StoredData> operator()(std::int32_t v) const {
+            return std::optional<StoredData>{std::in_place, static_cast<std::uint32_t>(v)};
+        }
+        std::optional<StoredData> operator()(std::uint32_t v) const {
+            return std::optional<StoredData>{std::in_place, v};
+        }
+        std::optional<StoredData> operator()(float v) const {
+            if (!std::isfinite(v)) return std::nullopt;
+            return std::optional<StoredData>{std::in_place, FormatSingleText(v)};
+        }
+        std::optional<StoredData> operator()(double v) const {
+            if (!std::isfinite(v)) return std::nullopt;
+            return std::optional<StoredData>{std::in_place, FormatNumberText(v, kDoubleDigits)};
+        }
+        // The text goes to the registry as a C string: whatever follows a NUL never arrives.
+        std::optional<StoredData> operator()(const std::string& v) const {
+            return std::optional<StoredData>{std::in_place, v.substr(0, v.find('\0'))};
+        }
+        std::optional<StoredData> operator()(RegDate v) const {
+            return std::optional<StoredData>{std::in_place, GeneralDateText(v)};
+        }
+        std::optional<StoredData> operator()(const std::vector<std::uint8_t>&) const { return std::nullopt; }
+    };
+    return std::visit(Visitor{}, value);
+}
+
+std::uint32_t NumberFromBytes(const std::vector<std::uint8_t>& b, bool bigEndian) {
+    if (bigEndian) return (std::uint32_t{b[0]} << 24) | (std::uint32_t{b[1]} << 16) | (std::uint32_t{b[2]} << 8) | b[3];
+    return (std::uint32_t{b[3]} << 24) | (std::uint32_t{b[2]} << 16) | (std::uint32_t{b[1]} << 8) | b[0];
+}
+
+// A stored value as a read returns it; nullopt for kinds that are neither
+// text nor a 32-bit number (binary, 64-bit numbers, ...).
+std::optional<RegValue> Readable(const StoredValue& value, FileFormat format) {
+    if (const auto* text = std::get_if<std::string>(&value.data))
+        return std::optional<RegValue>{std::in_place, text->substr(0, text->find('\0'))};
+    if (const auto* number = std::get_if<std::uint32_t>(&value.data))
+        return std::optional<RegValue>{std::in_place, *number};
+    const auto& raw = std::get<RawData>(value.data);
+    switch (raw.type) {
+        case kTypeText:
+        case kTypeExpandText:
+        case kTypeMultiText:
+            return std::optional<RegValue>{std::in_place, DecodeRawText(raw, format)};
+        case kTypeNumber:
+        case kTypeBigEndianNumber:
+            if (raw.bytes.size() == 4)
+                return std::optional<RegValue>{std::in_place,
+                                               NumberFromBytes(raw.bytes, raw.type == kTypeBigEndianNumber)};
+            return std::nullopt;
+        default:
+            return std::nullopt;
+    }
+}
+
+bool ValidValueName(std::string_view name) {
+    return name.size() <= kMaxValueNameLength &&
+           name.find_first_of(std::string_view("\r\n\0", 3)) == std::string_view::npos;
+}
+
+Root NormalizeRoot(Root root) {
+    return IsKnownRoot(root) ? root : Root::CurrentUser;
+}
+
+// Connects and splits the key path; records `openText` for a bad path.
+std::optional<std::string> OpenPath(Root root, std::string_view key, std::string_view computer, RegHandle& handle,
+                                    std::string_view openText) {
+    if (!ConnectRoot(root, computer, handle)) return std::nullopt;
+    const auto components = SplitKeyPath(key);
+    if (!components) {
+        RecordRegistryError(result::kBadPathName, openText);
+        return std::nullopt;
+    }
+    return JoinPath(*components);
+}
+
+// Loads the hive and checks that `path` exists, recording `openText` otherwise.
+std::optional<Hive> OpenExistingKey(const RegHandle& handle, const std::string& path, std::string_view openText) {
+    auto loaded = LoadHive(handle);
+    if (loaded.error != result::kSuccess) {
+        RecordRegistryError(loaded.error, openText);
+        return std::nullopt;
+    }
+    if (!loaded.hive.KeyExists(path)) {
+        RecordRegistryError(result::kFileNotFound, openText);
+        return std::nullopt;
+    }
+    return std::move(loaded.hive);
+}
+
+}  // namespace
+
+bool IsKnownRoot(Root root) noexcept {
+    return root == Root::ClassesRoot || root == Root::CurrentUser || root == Root::LocalMachine;
+}
+
+std::string_view RootName(Root root) noexcept {
+    switch (root) {
+        case Root::ClassesRoot:
+            return "HKEY_CLASSES_ROOT";
+        case Root::CurrentUser:
+            return "HKEY_CURRENT_USER";
+        case Root::LocalMachine:
+            return "HKEY_LOCAL_MACHINE";
+    }
+    return {};
+}
+
+bool ConnectRoot(Root root, std::string_view computer, RegHandle& handle) noexcept {
+    ClearRegistryError();
+    handle = RegHandle{};
+    handle.root = root;
+    std::string_view name = computer;
+    if (name.starts_with(kRemotePrefix)) name.remove_prefix(kRemotePrefix.size());
+    try {
+        if (computer.empty()) {
+            // An unknown root opens like a bad handle would: every use then fails.
+            if (IsKnownRoot(root)) handle.directory = StoreDirectory(root);
+            handle.open = true;
+            return true;
+        }
+        // The name becomes one directory level: nothing may lead outside the store.
+        const bool plainName = !name.empty() && name != "." && name != ".." &&
+                               name.find_first_of(std::string_view("/\\\0", 3)) == std::string_view::npos;
+        std::error_code ec;
+        if (plainName && IsKnownRoot(root)) {
+            const auto directory = StoreDirectory(root) / std::string(name);
+            if (!directory.parent_path().empty() && std::filesystem::is_directory(directory, ec)) {
+                handle.directory = directory;
+                handle.open = true;
+                return true;
+            }
+        }
+        RecordRegistryError(IsKnownRoot(root) ? result::kBadNetPath : result::kInvalidHandle,
+                            std::string(kTextCannotConnect) + std::string(name));
+    } catch (...) {
+        RecordRegistryError(result::kNotEnoughMemory, kTextCannotConnect);
+    }
+    handle = RegHandle{};
+    return false;
+}
+
+void CloseRegKey(RegHandle& handle) noexcept {
+    handle.open = false;
+}
+
+RegValue ReadRegValue(Root root, std::string_view key, std::string_view name, const RegValue& fallback,
+                      std::string_view computer) noexcept {
+    ClearRegistryError();
+    try {
+        RegHandle handle;
+        const auto path = OpenPath(root, key, computer, handle, kTextOpenKey);
+        if (!path) return fallback;
+        const auto hive = OpenExistingKey(handle, *path, kTextOpenKey);
+        CloseRegKey(handle);
+        if (!hive) return fallback;
+        const auto* stored = hive->FindKey(*path);
+        const auto* value = stored != nullptr ? stored->FindValue(name) : nullptr;
+        if (value == nullptr) return fallback;  // a missing value is the default, not an error
+        if (auto readable = Readable(*value, hive->format)) return std::move(*readable);
+        RecordRegistryError(result::kUnsupportedType, kTextReadValue);
+        return fallback;
+    } catch (...) {
+        RecordRegistryError(result::kNotEnoughMemory, kTextReadValue);
+        return RegValue{};
+    }
+}
+
+namespace {
+
+// The shared body of the writes: asks `choose` (under the lock, with the
+// freshest hive) for the value to set, creates the key path and sets it. A
+// value of a kind the registry cannot hold is refused only after its key was
+// created, in the order the platform's own calls take.
+struct WriteChoice {
+    std::string name;
+    std::optional<StoredData> data;  ///< nullopt = kind refused
+};
+
+enum class WriteProblem { None, Refused, BadName };
+
+bool WriteLocked(Root root, std::string_view key, std::string_view computer,
+                 const std::function<std::optional<WriteChoice>(const Hive&, const std::string& path)>& choose) {
+    RegHandle handle;
+    const auto path = OpenPath(root, key, computer, handle, kTextOpenKey);
+    if (!path) return false;
+
+    WriteProblem problem = WriteProblem::None;
+    bool settingValue = false;
+    const auto outcome = UpdateHive(handle, [&](Hive& hive) {
+        const bool keyIsNew = !hive.KeyExists(*path);
+        auto choice = choose(hive, *path);
+        if (!choice) return false;  // the writer found nothing left to do
+        if (!choice->data) {
+            problem = WriteProblem::Refused;
+        } else if (!ValidValueName(choice->name)) {
+            problem = WriteProblem::BadName;
+        }
+        if (problem != WriteProblem::None) {
+            if (keyIsNew) hive.CreateKey(*path);
+            return keyIsNew;
+        }
+        StoredKey& stored = hive.CreateKey(*path);
+        if (const auto* existing = stored.FindValue(choice->name);
+            existing != nullptr && existing->data == *choice->data) {
+            return keyIsNew;  // nothing changes: leave the file alone
+        }
+        settingValue = true;
+        stored.SetValue(choice->name, std::move(*choice->data));
+        return true;
+    });
+    CloseRegKey(handle);
+    if (outcome.error != result::kSuccess) {
+        RecordRegistryError(outcome.error, outcome.writing && settingValue ? kTextWriteData : kTextOpenKey);
+        return false;
+    }
+    switch (problem) {
+        case WriteProblem::Refused:
+            RecordRegistryError(result::kInvalidData, kTextTypeRefused);
+            return false;
+        case WriteProblem::BadName:
+            RecordRegistryError(result::kInvalidParameter, kTextWriteData);
+            return false;
+        case WriteProblem::None:
+            break;
+    }
+    return true;
+}
+
+std::string TextOf(const StoredValue& value, FileFormat format) {
+    const auto readable = Readable(value, format);
+    if (!readable) return {};
+    if (const auto* number = std::get_if<std::uint32_t>(&*readable)) return std::to_string(*number);
+    return std::get<std::string>(*readable);
+}
+
+}  // namespace
+
+bool WriteRegValue(Root root, std::string_view key, std::string_view name, const RegData& value,
+                   std::string_view computer) noexcept {
+    ClearRegistryError();
+    try {
+        const auto data = ToStored(value);
+        return WriteLocked(root, key, computer, [&](const Hive&, const std::string&) {
+            return std::optional<WriteChoice>{WriteChoice{std::string(name), data}};
+        });
+    } catch (...) {
+        RecordRegistryError(result::kNotEnoughMemory, kTextWriteData);
+        return false;
+    }
+}
+
+bool WriteRegValueIf(Root root, std::string_view key, const LockedDecision& decide,
+                     std::string_view computer) noexcept {
+    ClearRegistryError();
+    try {
+        return WriteLocked(root, key, computer,
+                           [&](const Hive& hive, const std::string& path) -> std::optional<WriteChoice> {
+                               std::vector<NamedText> values;
+                               if (const auto* stored = hive.FindKey(path)) {
+                                   for (const auto& v : stored->values) {
+                                       values.push_back(NamedText{v.name, TextOf(v, hive.format)});
+                                   }
+                               }
+                               auto decision = decide(values);
+                               if (!decision) return std::nullopt;
+                               return WriteChoice{std::move(decision->name), StoredData{std::move(decision->text)}};
+                           });
+    } catch (...) {
+        RecordRegistryError(result::kNotEnoughMemory, kTextWriteData);
+        return false;
+    }
+}
+
+std::int32_t EnumRegValueNames(Root root, std::string_view key, std::vector<std::string>& names,
+                               std::string_view computer) noexcept {
+    ClearRegistryError();
+    try {
+        names.clear();
+        RegHandle handle;
+        const auto path = OpenPath(root, key, computer, handle, kTextOpenKey);
+        if (!path) return 0;
+        const auto hive = OpenExistingKey(handle, *path, kTextOpenKey);
+        CloseRegKey(handle);
+        if (!hive) return 0;
+        if (const auto* stored = hive->FindKey(*path)) {
+            for (const auto& value : stored->values) {
+                auto name = value.name.substr(0, value.name.find('\0'));
+                if (name.size() >= kEnumNameBuffer) {
+                    RecordRegistryError(result::kMoreData, kTextEnumValues);
+                    break;
+                }
+                names.push_back(std::move(name));
+            }
+        }
+    } catch (...) {
+        RecordRegistryError(result::kNotEnoughMemory, kTextEnumValues);
+    }
+    return static_cast<std::int32_t>(names.size());
+}
+
+std::int32_t EnumRegKeyNames(Root root, std::string_view key, std::vector<std::string>& names,
+                             std::string_view computer) noexcept {
+    ClearRegistryError();
+    try {
+        names.clear();
+        RegHandle handle;
+        const auto path = OpenPath(root, key, computer, handle, kTextOpenPath);
+        if (!path) return 0;
+        const auto hive = OpenExistingKey(handle, *path, kTextOpenPath);
+        CloseRegKey(handle);
+        if (!hive) return 0;
+        for (auto& name : hive->SubkeyNames(*path)) {
+            if (name.size() >= kEnumNameBuffer) {
+                RecordRegistryError(result::kMoreData, kTextEnumKeys);
+                break;
+            }
+            names.push_back(std::move(name));
+        }
+    } catch (...) {
+        RecordRegistryError(result::kNotEnoughMemory, kTextEnumKeys);
+    }
+    return static_cast<std::int32_t>(names.size());
+}
+
+bool DeleteRegKey(Root root, std::string_view key, std::string_view computer) noexcept {
+    ClearRegistryError();
+    if (key.empty() || key == "\\") {
+        RecordRegistryError(result::kInvalidParameter, kTextDeleteRoot);
+        return false;
+    }
+    if (key.back() == '\\') {
+        RecordRegistryError(result::kInvalidParameter, kTextDeleteUnnamed);
+        return false;
+    }
+    if (key.find('\\') == std::string_view::npos) {
+        RecordRegistryError(result::kInvalidParameter, kTextDeleteMainKey);
+        return false;
+    }
+    try {
+        RegHandle handle;
+        const auto path = OpenPath(root, key, computer, handle, kTextOpenPath);
+        if (!path) return false;
+        const std::string parent = path->substr(0, path->rfind('\\'));
+        enum class Refusal { None, ParentMissing, KeyMissing, HasSubkeys } refusal = Refusal::None;
+        const auto outcome = UpdateHive(handle, [&](Hive& hive) {
+            if (!hive.KeyExists(parent)) {
+                refusal = Refusal::ParentMissing;
+            } else if (!hive.KeyExists(*path)) {
+                refusal = Refusal::KeyMissing;
+            } else if (!hive.SubkeyNames(*path).empty()) {
+                refusal = Refusal::HasSubkeys;
+            } else {
+                hive.RemoveKey(*path);
+                return true;
+            }
+            return false;
+        });
+        CloseRegKey(handle);
+        if (outcome.error != result::kSuccess) {
+            RecordRegistryError(outcome.error, outcome.writing ? kTextDeleteKey : kTextOpenPath);
+            return false;
+        }
+        switch (refusal) {
+            case Refusal::ParentMissing:
+                RecordRegistryError(result::kFileNotFound, kTextOpenPath);
+                return false;
+            case Refusal::KeyMissing:
+                RecordRegistryError(result::kFileNotFound, kTextDeleteKey);
+                return false;
+            case Refusal::HasSubkeys:
+                // The platform's own answer when a key to delete still has children.
+                RecordRegistryError(result::kAccessDenied, kTextDeleteSubtree);
+                return false;
+            case Refusal::None:
+                break;
+        }
+        return true;
+    } catch (...) {
+        RecordRegistryError(result::kNotEnoughMemory, kTextDeleteKey);
+        return false;
+    }
+}
+
+bool DeleteRegValue(Root root, std::string_view key, std::string_view name, std::string_view computer) noexcept {
+    ClearRegistryError();
+    try {
+        RegHandle handle;
+        const auto path = OpenPath(root, key, computer, handle, kTextOpenPath);
+        if (!path) return false;
+        enum class Refusal { None, KeyMissing, ValueMissing } refusal = Refusal::None;
+        const auto outcome = UpdateHive(handle, [&](Hive& hive) {
+            if (!hive.KeyExists(*path)) {
+                refusal = Refusal::KeyMissing;
+                return false;
+            }
+            auto* stored = hive.FindKey(*path);
+            if (stored == nullptr || !stored->RemoveValue(name)) {
+                refusal = Refusal::ValueMissing;
+                return false;
+            }
+            return true;
+        });
+        CloseRegKey(handle);
+        if (outcome.error != result::kSuccess) {
+            RecordRegistryError(outcome.error, outcome.writing ? kTextDeleteValue : kTextOpenPath);
+            return false;
+        }
+        if (refusal == Refusal::KeyMissing) {
+            RecordRegistryError(result::kFileNotFound, kTextOpenPath);
+            return false;
+        }
+        if (refusal == Refusal::ValueMissing) {
+            RecordRegistryError(result::kFileNotFound, kTextDeleteValue);
+            return false;
+        }
+        return true;
+    } catch (...) {
+        RecordRegistryError(result::kNotEnoughMemory, kTextDeleteValue);
+        return false;
+    }
+}
+
+RegValue ReadValue(Root root, std::string_view key, std::string_view name, const RegValue& fallback,
+                   std::string_view computer) noexcept {
+    return ReadRegValue(NormalizeRoot(root), key, name, fallback, computer);
+}
+
+bool WriteValue(Root root, std::string_view key, std::string_view name, const RegData& value,
+                std::string_view computer) noexcept {
+    return WriteRegValue(NormalizeRoot(root), key, name, value, computer);
+}
+
+std::int32_t EnumValueNames(Root root, std::string_view key, std::vector<std::string>& names,
+                            std::string_view computer) noexcept {
+    return EnumRegValueNames(NormalizeRoot(root), key, names, computer);
+}
+
+}  // namespace elatectwn4::registry

@@ -1,0 +1,21 @@
+#!/usr/bin/env bash
+# Installs what is needed, builds, and runs every test twice: once in a
+# plain build and once under AddressSanitizer + UndefinedBehaviorSanitizer.
+# The end-to-end tests go through a real pcscd with the vpcd virtual readers.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+cd "$root"
+
+scripts/install-deps.sh
+
+scripts/build.sh build -DCMAKE_BUILD_TYPE=RelWithDebInfo
+scripts/build.sh build-asan -DCMAKE_BUILD_TYPE=Debug -DELATECTWN4_SANITIZE=ON -DELATECTWN4_BUILD_BENCH=OFF
+
+export ASAN_OPTIONS=detect_leaks=0:abort_on_error=1
+export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+status=0
+echo "== Tests (plain build)"
+ctest --test-dir build --output-on-failure -j2 || status=1
+echo "== Tests (AddressSanitizer + UndefinedBehaviorSanitizer)"
+ctest --test-dir build-asan --output-on-failure -j2 || status=1
+exit $status

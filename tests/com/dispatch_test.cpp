@@ -1,0 +1,223 @@
+// Late-bound calls: every member of the type library is reachable by name and
+// by id, in/out arguments come back, and calls that cannot be made are
+// refused before anything reaches the card.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <memory>
+#include <set>
+
+#include "elatectwn4/dispatch.h"
+#include "elatectwn4/encoder.h"
+#include "sim/reader.h"
+#include "sim/simulated_pcsc.h"
+#include "support/scripted_pcsc.h"
+
+namespace elatectwn4 {
+namespace {
+
+constexpr const char* kReader = "Virtual PCD 00 00";
+constexpr const char* kTransportKey = "FFFFFFFFFFFF";
+
+struct SimulatedEncoder {
+    SimulatedEncoder() : pcsc(std::make_shared<sim::SimulatedPcsc>()), encoder(pcsc) {
+        pcsc->FindReader(kReader)->Insert(sim::MakeCard("mifare1k"));
+        encoder.Parameters(std::string("Device=") + kReader);
+        EXPECT_EQ(encoder.OpenEncoder(), sceSuccess);
+    }
+    std::shared_ptr<sim::SimulatedPcsc> pcsc;
+    Encoder encoder;
+};
+
+// A plausible argument for a parameter, chosen by name so that the call does
+// real work on a transport-state card.
+Variant SampleArgument(const ParamInfo& p) {
+    static const std::map<std::string_view, Variant> byName{
+        {"BlocNumber", std::int32_t{4}},
+        {"SectorNumber", std::int32_t{1}},
+        {"Key", std::string(kTransportKey)},
+        {"KeyA", std::string(kTransportKey)},
+        {"KeyB", std::string(kTransportKey)},
+        {"BlocContents", std::string("00112233445566778899AABBCCDDEEFF")},
+        {"Security0", std::int32_t{-1}},
+        {"Security1", std::int32_t{-1}},
+        {"Security2", std::int32_t{-1}},
+        {"Conditions", std::int32_t{-1}},
+        {"ToByte", std::uint8_t{15}},
+        {"AccessConditionNumber", std::int32_t{5}},
+        {"NewValue", std::string("101")},
+        {"sw1sw2", std::string("9000")},
+        {"sCommand", std::string("FF CA 00 00 00")},
+        {"Value", std::int32_t{7}},
+    };
+    if (auto it = byName.find(p.name); it != byName.end()) {
+        if (p.type == ValueType::String && p.name == "Value") return std::string("Device=") + kReader;
+        return it->second;
+    }
+    switch (p.type) {
+        case ValueType::String: return std::string();
+        case ValueType::Long: return std::int32_t{0};
+        case ValueType::Byte: return std::uint8_t{0};
+        case ValueType::Boolean: return false;
+        default: return {};
+    }
+}
+
+bool HoldsDeclaredType(const Variant& v, ValueType type) {
+    switch (type) {
+        case ValueType::String: return std::holds_alternative<std::string>(v);
+        case ValueType::Long: return std::holds_alternative<std::int32_t>(v);
+        case ValueType::Byte: return std::holds_alternative<std::uint8_t>(v);
+        case ValueType::Boolean: return std::holds_alternative<bool>(v);
+        default: return true;
+    }
+}
+
+TEST(Dispatch, EveryEncoderMemberIsCallableByNameWithItsDeclaredTypes) {
+    SimulatedEncoder sim;
+    int called = 0;
+    for (const auto& m : Members()) {
+        if (m.interfaceName != "_Encoder") continue;
+        SCOPED_TRACE(Signature(m));
+        std::vector<Variant> args;
+        for (const auto& p : m.params) {
+            if (!p.optional) args.push_back(SampleArgument(p));
+        }
+        DispatchResult r;
+        ASSERT_NO_THROW(r = Invoke(sim.encoder, m.name, m.kind, args));
+        for (std::size_t i = 0; i < args.size(); ++i) {
+            EXPECT_TRUE(HoldsDeclaredType(args[i], m.params[i].type)) << "argument " << i + 1 << " came back retyped";
+        }
+        if (m.resultTypeName == "sceReturnCode") {
+            ASSERT_TRUE(std::holds_alternative<std::int32_t>(r.value));
+            EXPECT_EQ(std::get<std::int32_t>(r.value), sceSuccess) << sim.encoder.LastError().Description;
+        }
+        ++called;
+        // CloseEncoder leaves the reader closed: open it again for the next member.
+        if (sim.encoder.EncoderState() == sceClosed) ASSERT_EQ(sim.encoder.OpenEncoder(), sceSuccess);
+    }
+    EXPECT_GT(called, 25);
+}
+
+TEST(Dispatch, InOutArgumentsCarryWhatTheDirectCallReturns) {
+    SimulatedEncoder sim;
+    std::string written = "0F1E2D3C4B5A69788796A5B4C3D2E1F0";
+    ASSERT_EQ(sim.encoder.WriteDataBloc(5, kTransportKey, 0, written), sceSuccess);
+
+    std::vector<Variant> args{std::int32_t{5}, std::string(kTransportKey), std::uint8_t{0}, std::string("stale")};
+    const auto r = Invoke(sim.encoder, "readdatabloc", MemberKind::Method, args);
+    EXPECT_EQ(std::get<std::int32_t>(r.value), sceSuccess);
+    EXPECT_EQ(std::get<std::string>(args[3]), written);
+
+    std::vector<Variant> serial{std::string()};
+    Invoke(sim.encoder, "ReadSerialNumber", MemberKind::Method, serial);
+    std::string direct;
+    sim.encoder.ReadSerialNumber(direct);
+    EXPECT_EQ(std::get<std::string>(serial[0]), direct);
+    EXPECT_FALSE(direct.empty());
+}
+
+TEST(Dispatch, ByIdReachesTheSameMemberAsByName) {
+    SimulatedEncoder sim;
+    std::set<std::pair<std::int32_t, int>> seen;
+    for (const auto& m : Members()) {
+        if (m.interfaceName != "_Encoder") continue;
+        EXPECT_TRUE(seen.insert({m.dispId, static_cast<int>(m.kind)}).second) << "dispatch id reused: " << m.name;
+    }
+    const auto* info = FindMember("_Encoder", "ATRString", MemberKind::PropertyGet);
+    ASSERT_NE(info, nullptr);
+    std::vector<Variant> none;
+    const auto byId = Invoke(sim.encoder, info->dispId, MemberKind::PropertyGet, none);
+    EXPECT_EQ(std::get<std::string>(byId.value), sim.encoder.ATRString());
+}
+
+TEST(Dispatch, LastErrorHandsOutTheRecordItselfAndItsMembersAreReachable) {
+    SimulatedEncoder sim;
+    std::string shortBlock = "0011";
+    EXPECT_EQ(sim.encoder.WriteDataBloc(4, kTransportKey, 0, shortBlock), sceError);
+    std::vector<Variant> none;
+    const auto r = Invoke(sim.encoder, "LastError", MemberKind::PropertyGet, none);
+    ASSERT_EQ(r.object, &sim.encoder.LastError());
+    EXPECT_EQ(std::get<std::int32_t>(Invoke(*r.object, "Number", MemberKind::PropertyGet, none)),
+              ErrorValue(ErrorNumber::BlockMustBe32Hex));
+    std::vector<Variant> text{std::string("changed by the host")};
+    Invoke(*r.object, "ComFunction", MemberKind::PropertyPut, text);
+    EXPECT_EQ(sim.encoder.LastError().ComFunction, "changed by the host");
+}
+
+struct RefusedCall {
+    const char* member;
+    std::vector<Variant> args;
+    DispatchError::Reason reason;
+    int argument;
+};
+
+TEST(Dispatch, CallsThatCannotBeMadeAreRefusedBeforeAnythingIsSent) {
+    const std::vector<RefusedCall> cases{
+        {"NoSuchMember", {}, DispatchError::Reason::UnknownName, -1},
+        {"ReadDataBloc", {std::int32_t{4}}, DispatchError::Reason::BadParamCount, -1},
+        {"GetInformation", {std::int32_t{1}}, DispatchError::Reason::BadParamCount, -1},
+        {"ReadDataBloc",
+         {std::string("four"), std::string(kTransportKey), std::uint8_t{0}, std::string()},
+         DispatchError::Reason::TypeMismatch,
+         0},
+        {"ReadDataBloc",
+         {std::int32_t{4}, std::int32_t{12}, std::uint8_t{0}, std::string()},
+         DispatchError::Reason::TypeMismatch,
+         1},
+        {"ReadDataBloc",
+         {std::int32_t{4}, std::string(kTransportKey), std::int32_t{256}, std::string()},
+         DispatchError::Reason::Overflow,
+         2},
+        {"ReadDataBloc",
+         {3.0e10, std::string(kTransportKey), std::uint8_t{0}, std::string()},
+         DispatchError::Reason::Overflow,
+         0},
+    };
+    auto fake = std::make_shared<test::ScriptedPcsc>();  // no exchange expected: any transmission fails the test
+    Encoder encoder(fake);
+    encoder.Parameters("Device=Virtual PCD 00 00");
+    ASSERT_EQ(encoder.OpenEncoder(), sceSuccess);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.member);
+        auto args = c.args;
+        try {
+            Invoke(encoder, c.member, MemberKind::Method, args);
+            ADD_FAILURE() << "the call was made";
+        } catch (const DispatchError& e) {
+            EXPECT_EQ(e.reason(), c.reason) << e.what();
+            EXPECT_EQ(e.argumentIndex(), c.argument) << e.what();
+            EXPECT_NE(std::string(e.what()), "");
+        }
+    }
+    EXPECT_TRUE(fake->Transmitted().empty());
+}
+
+TEST(Dispatch, ArgumentsConvertAsAutomationCoercesThem) {
+    struct Case {
+        Variant in;
+        ValueType to;
+        Variant out;
+    };
+    const std::vector<Case> cases{
+        {std::string("&H1F"), ValueType::Long, std::int32_t{31}},
+        {std::string("0x1f"), ValueType::Byte, std::uint8_t{31}},
+        {std::string("-2147483648"), ValueType::Long, std::int32_t{INT32_MIN}},
+        {true, ValueType::Long, std::int32_t{-1}},
+        {2.5, ValueType::Long, std::int32_t{2}},  // half to even
+        {3.5, ValueType::Byte, std::uint8_t{4}},
+        {std::uint8_t{200}, ValueType::Long, std::int32_t{200}},
+        {std::string("false"), ValueType::Boolean, false},
+        {std::int32_t{0}, ValueType::Boolean, false},
+        {std::string("text"), ValueType::Variant, std::string("text")},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(ConvertArgument(c.in, c.to), c.out) << ToText(c.in) << " to " << TypeName(c.to);
+    }
+    EXPECT_THROW(ConvertArgument(std::string("2147483648"), ValueType::Long), DispatchError);
+    EXPECT_THROW(ConvertArgument(std::string("12abc"), ValueType::Long), DispatchError);
+    EXPECT_THROW(ConvertArgument(true, ValueType::Byte), DispatchError);  // True is -1
+}
+
+}  // namespace
+}  // namespace elatectwn4

@@ -1,0 +1,88 @@
+// Helpers shared by the encoder tests: the error record as one comparable
+// value, and the scripted fake's calls as readable lines.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "elatectwn4/error.h"
+#include "support/scripted_pcsc.h"
+
+namespace elatectwn4::test {
+
+/// What a 32-bit error number reads as through the signed record field,
+/// computed independently of the component's own helpers.
+constexpr std::int64_t Signed(std::uint32_t number) {
+    return number >= 0x80000000u ? static_cast<std::int64_t>(number) - (std::int64_t{1} << 32)
+                                 : static_cast<std::int64_t>(number);
+}
+
+struct Record {
+    std::int64_t number = 0;
+    std::string description;
+    std::int64_t lastDllError = 0;
+    std::string comFunction;
+    std::string rdrCommand;
+    std::string rdrRetCode;
+
+    bool operator==(const Record&) const = default;
+};
+
+inline Record Of(const CError& e) {
+    return {e.Number, e.Description, e.LastDllError, e.ComFunction, e.RdrCommand, e.RdrRetCode};
+}
+
+/// The record of a failure with a component error number.
+inline Record Failure(std::uint32_t number, std::string description, std::string comFunction,
+                      std::string rdrCommand = {}, std::string rdrRetCode = {}, std::uint32_t lastDllError = 0) {
+    return {Signed(number),         std::move(description), Signed(lastDllError),
+            std::move(comFunction), std::move(rdrCommand),  std::move(rdrRetCode)};
+}
+
+/// The record after a success of `operation`.
+inline Record Cleared(std::string operation) {
+    return {0, "", 0, std::move(operation), "", ""};
+}
+
+inline void PrintTo(const Record& r, std::ostream* os) {
+    *os << "{Number " << r.number << " (0x" << std::hex << static_cast<std::uint32_t>(r.number) << std::dec << "), \""
+        << r.description << "\", LastDllError 0x" << std::hex << static_cast<std::uint32_t>(r.lastDllError) << std::dec
+        << ", ComFunction \"" << r.comFunction << "\", RdrCommand \"" << r.rdrCommand << "\", RdrRetCode \""
+        << r.rdrRetCode << "\"}";
+}
+
+/// Every call the fake saw, as "Function detail".
+inline std::vector<std::string> Trail(const ScriptedPcsc& fake) {
+    std::vector<std::string> lines;
+    for (const auto& call : fake.Calls())
+        lines.push_back(call.function + " " + call.detail);
+    return lines;
+}
+
+/// The calls made since `from` calls had been seen.
+inline std::vector<std::string> TrailSince(const ScriptedPcsc& fake, std::size_t from) {
+    auto lines = Trail(fake);
+    lines.erase(lines.begin(), lines.begin() + static_cast<std::ptrdiff_t>(std::min(from, lines.size())));
+    return lines;
+}
+
+// The scripted fake's default handles and the calls an open makes with them.
+inline const std::string kEstablish = "EstablishContext scope=2";
+inline const std::string kRelease = "ReleaseContext context=0x1001";
+inline const std::string kAtrAttrib = "GetAttrib card=0x2001 attribute=0x90303";
+inline const std::string kStatus = "Status card=0x2001";
+inline const std::string kDisconnect = "Disconnect card=0x2001 disposition=0";
+inline std::string ConnectTo(const std::string& reader) {
+    return "Connect context=0x1001 reader=\"" + reader + "\" share=1 protocols=2";
+}
+
+/// The storage-card ATR of a MIFARE Classic 1K (the fake's default).
+inline const std::string kMifare1KAtr = "3B 8F 80 01 80 4F 0C A0 00 00 03 06 03 00 01 00 00 00 00 6A";
+/// The ATR of a DESFire EV1 behind a PC/SC reader.
+inline const std::string kDesfireAtr = "3B 81 80 01 80 80";
+
+}  // namespace elatectwn4::test

@@ -1,0 +1,162 @@
+// The Parameters text, the GetInformation text and the reader version shown
+// by ReaderType.
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "elatectwn4/encoder.h"
+#include "elatectwn4/version.h"
+#include "encoder/encoder_impl.h"
+#include "encoder_test_util.h"
+#include "registry_dir.h"
+#include "support/scripted_pcsc.h"
+
+namespace elatectwn4::test {
+namespace {
+
+const std::string kCapabilities = "Encoding capabilities=Mifare Classic, Mifare Ultralight, Mifare DESFire\r\nDevice=";
+
+struct ParametersCase {
+    const char* text;
+    const char* device;  ///< the Device the text leaves, starting from "Before"
+};
+
+class ParametersText : public ::testing::TestWithParam<ParametersCase> {
+protected:
+    RegistryDir registry;
+};
+
+TEST_P(ParametersText, SetsTheDeviceByTheParsingRules) {
+    Encoder encoder(std::make_shared<ScriptedPcsc>());
+    encoder.Parameters("Device=Before");
+    encoder.LastError().Number = 99;
+    encoder.Parameters(GetParam().text);
+    EXPECT_EQ(encoder.Parameters(), kCapabilities + GetParam().device);
+    EXPECT_EQ(Of(encoder.LastError()), Cleared("Parameters"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Rules, ParametersText,
+                         ::testing::Values(ParametersCase{"Device=Reader 1;Protocol=1", "Reader 1"},
+                                           ParametersCase{"DEVICE = Reader 2", "Reader 2"},
+                                           ParametersCase{"  dEvIcE   =   Virtual PCD 00 00   ;", "Virtual PCD 00 00"},
+                                           // Lines: a ";" stays in the value.
+                                           ParametersCase{"Device=A;B\r\nProtocol=1", "A;B"},
+                                           ParametersCase{"Protocol=1\r\nDevice=Reader;01\r\n", "Reader;01"},
+                                           // A key alone clears the device; no key leaves it alone.
+                                           ParametersCase{"Device", ""}, ParametersCase{"Device=", ""},
+                                           ParametersCase{"Protocol=1;Speed=9600", "Before"},
+                                           ParametersCase{"", "Before"},
+                                           ParametersCase{"Devices=X;Dev=Y; =Z;=W", "Before"},
+                                           // The later entry wins; the value keeps everything after the first "=".
+                                           ParametersCase{"Device=X;device=Y", "Y"},
+                                           ParametersCase{"Device=a=b", "a=b"},
+                                           ParametersCase{"Device=A\r\nDevice=B;C", "B;C"},
+                                           // Only blanks are trimmed; a lone LF does not separate entries.
+                                           ParametersCase{"Device=\tR\t", "\tR\t"},
+                                           ParametersCase{"Device=R1\nProtocol=1", "R1\nProtocol=1"}));
+
+TEST(ParametersDefault, ANewEncoderNamesNoReaderYet) {
+    RegistryDir registry;
+    Encoder encoder(std::make_shared<ScriptedPcsc>());
+    EXPECT_EQ(encoder.Parameters(), kCapabilities + "<unknown>");
+    encoder.Parameters("Device=Reader 9");
+    EXPECT_EQ(encoder.Parameters(), kCapabilities + "Reader 9");
+}
+
+TEST(Information, TheExampleOfVersionAndDrawReadsAsDocumented) {
+    EXPECT_EQ(InformationText(1, 2, 3, 4711),
+              "Pellucid|Elatec TWN4|1.2.3|1|4711|Mifare Classic, Mifare Ultralight, Mifare DESFire");
+    EXPECT_EQ(InformationText(10, 0, 27, 0),
+              "Pellucid|Elatec TWN4|10.0.27|1|0|Mifare Classic, Mifare Ultralight, Mifare DESFire");
+}
+
+TEST(Information, CarriesTheBuildVersionAndAFreshInstanceNumber) {
+    RegistryDir registry;
+    Encoder encoder(std::make_shared<ScriptedPcsc>());
+    const std::string version = std::to_string(ELATECTWN4_VERSION_MAJOR) + "\\." +
+                                std::to_string(ELATECTWN4_VERSION_MINOR) + "\\." +
+                                std::to_string(ELATECTWN4_VERSION_PATCH);
+    const std::regex shape("Pellucid\\|Elatec TWN4\\|" + version +
+                           "\\|1\\|(0|[1-9][0-9]{0,4})\\|Mifare Classic, Mifare Ultralight, Mifare DESFire");
+    std::set<std::string> numbers;
+    for (int i = 0; i < 20; ++i) {
+        encoder.LastError().Number = 5;
+        const std::string text = encoder.GetInformation();
+        std::smatch match;
+        ASSERT_TRUE(std::regex_match(text, match, shape)) << text;
+        numbers.insert(match[1]);
+        EXPECT_EQ(Of(encoder.LastError()), Cleared("GetInformation"));
+    }
+    // 20 draws from 100000 values all equal would mean the draw is not fresh.
+    EXPECT_GT(numbers.size(), 1u);
+}
+
+TEST(Information, TwoEncodersDoNotDrawTheSameSequence) {
+    RegistryDir registry;
+    Encoder first(std::make_shared<ScriptedPcsc>());
+    Encoder second(std::make_shared<ScriptedPcsc>());
+    std::vector<std::string> a, b;
+    for (int i = 0; i < 5; ++i) {
+        a.push_back(first.GetInformation());
+        b.push_back(second.GetInformation());
+    }
+    EXPECT_NE(a, b);
+}
+
+struct VersionCase {
+    std::vector<std::uint8_t> bytes;
+    const char* text;
+};
+
+TEST(ReaderVersion, IsShownAsFourDottedPartsMostSignificantFirst) {
+    const VersionCase cases[] = {
+        {{0x04, 0x03, 0x02, 0x01}, "1.2.3.4"},
+        {{0x00, 0x00, 0x00, 0x00}, "0.0.0.0"},
+        {{0xFF, 0xFE, 0xFD, 0xFC}, "252.253.254.255"},
+        {{0x10, 0x27}, "0.0.39.16"},  // a short value is the low bytes
+        {{0x01}, "0.0.0.1"},
+        {{0x04, 0x03, 0x02, 0x01, 0x99}, "1.2.3.4"},  // bytes beyond a DWORD are not part of it
+        {{}, ""},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(VersionText(c.bytes), c.text) << Hex(c.bytes);
+}
+
+TEST(ErrorNumbers, ReadBackNegativeThroughTheSignedRecord) {
+    RegistryDir registry;
+    auto fake = std::make_shared<ScriptedPcsc>();
+    fake->WillEstablishContext(0x8010001E);
+    Encoder encoder(fake);
+    ASSERT_EQ(encoder.OpenEncoder(), sceError);
+    // 0x90010F02 - 2^32 and 0x8010001E - 2^32.
+    EXPECT_EQ(encoder.LastError().Number, -1878978814);
+    EXPECT_EQ(encoder.LastError().LastDllError, -2146435042);
+    EXPECT_EQ(encoder.LastError().RdrRetCode, "The Smart card resource manager has shut down.");
+}
+
+TEST(SessionKey, IsOverwrittenBeforeTheSessionForgetsIt) {
+    DesfireSession session;
+    session.selectedApplicationId = "010203";
+    session.sessionKey = "00112233445566778899AABBCCDDEEFF";
+    session.authenticatedKeyNumber = 3;
+    session.versionCache = {1, 2, 3};
+    const char* buffer = session.sessionKey.data();
+    const std::size_t length = session.sessionKey.size();
+
+    session.Reset();
+
+    EXPECT_EQ(session.sessionKey, "");
+    EXPECT_EQ(session.selectedApplicationId, "");
+    EXPECT_EQ(session.authenticatedKeyNumber, -1);
+    EXPECT_TRUE(session.versionCache.empty());
+    // clear() keeps the buffer: what it held must be gone, not just unreferenced.
+    ASSERT_EQ(session.sessionKey.data(), buffer);
+    for (std::size_t i = 0; i < length; ++i)
+        EXPECT_EQ(buffer[i], '\0') << "byte " << i;
+}
+
+}  // namespace
+}  // namespace elatectwn4::test

@@ -1,0 +1,206 @@
+// Injected faults, and a card's contents kept across runs as JSON.
+#include <gtest/gtest.h>
+
+#include "apdu_helpers.h"
+#include "sim/mifare_classic.h"
+#include "sim/simulated_pcsc.h"
+
+namespace {
+
+using namespace elatectwn4;
+using namespace elatectwn4::sim;
+using namespace simtest;
+
+Faults Garbage() {
+    Faults f;
+    f.garbageAnswers = true;
+    return f;
+}
+
+TEST(Faults, DistortAnswersButNotWhatTheCardDid) {
+    Faults truncated, delayed;
+    truncated.truncatedAnswers = true;
+    delayed.delay = std::chrono::milliseconds(5);
+    struct Row {
+        const char* name;
+        Faults faults;
+        // Checks the answer to a block write and to GET DATA.
+        void (*check)(const Bytes& write, const Bytes& uid);
+    } rows[] = {
+        {"garbage", Garbage(),
+         [](const Bytes& write, const Bytes& uid) {
+             EXPECT_EQ(write.size(), 2u);
+             EXPECT_NE(H(write), "9000");
+             EXPECT_EQ(uid.size(), 6u);
+             EXPECT_NE(H(uid), "CF1E2D3C9000");
+         }},
+        {"truncated", truncated,
+         [](const Bytes& write, const Bytes& uid) {
+             EXPECT_EQ(H(write), "90");
+             EXPECT_EQ(H(uid), "CF");
+         }},
+        {"delayed", delayed,
+         [](const Bytes& write, const Bytes& uid) {
+             EXPECT_EQ(H(write), "9000");
+             EXPECT_EQ(H(uid), "CF1E2D3C9000");
+         }},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        auto card = std::make_shared<MifareClassicCard>(false, B("CF1E2D3C"));
+        Reader reader{"test"};
+        reader.Insert(card);
+        ASSERT_EQ(Open(reader, 4, 'A', "FFFFFFFFFFFF"), "9000");
+        reader.SetFaults(row.faults);
+        const Bytes write = reader.Transmit(B(Write(4, "0123456789ABCDEF0123456789ABCDEF")));
+        const Bytes uid = reader.Transmit(B("FF CA 00 00 00"));
+        row.check(write, uid);
+        EXPECT_EQ(H(card->RawBlock(4)), "0123456789ABCDEF0123456789ABCDEF") << "the write reached the card";
+    }
+}
+
+TEST(Faults, GarbageReplaysIdenticallyOnAFreshReader) {
+    auto run = [] {
+        Reader reader{"test"};
+        reader.Insert(MakeCard("mifare1k"));
+        reader.SetFaults(Garbage());
+        std::string answers;
+        for (int i = 0; i < 4; ++i)
+            answers += H(reader.Transmit(B("FF CA 00 00 00"))) + " ";
+        return answers;
+    };
+    const std::string first = run();
+    EXPECT_EQ(first, run());
+    EXPECT_EQ(first.find("CF1E2D3C9000"), std::string::npos);
+}
+
+TEST(Faults, DroppedConnectionTakesTheCardOutOnce) {
+    auto pcsc = std::make_shared<SimulatedPcsc>();
+    auto reader = pcsc->FindReader("Virtual PCD 00 00");
+    auto card = MakeCard("mifare1k");
+    reader->Insert(card);
+    PcscHandle context = 0, handle = 0;
+    std::uint32_t protocol = 0;
+    ASSERT_EQ(pcsc->EstablishContext(pcsc_const::ScopeSystem, context), pcsc_code::Success);
+    ASSERT_EQ(pcsc->Connect(context, reader->Name(), 1, 2, handle, protocol), pcsc_code::Success);
+    Faults drop;
+    drop.dropConnection = true;
+    reader->SetFaults(drop);
+
+    std::array<std::uint8_t, 32> answer{};
+    std::size_t received = answer.size();
+    EXPECT_EQ(pcsc->Transmit(handle, protocol, B("FF CA 00 00 00"), answer, received), pcsc_code::RemovedCard);
+    EXPECT_EQ(received, 0u);
+    EXPECT_FALSE(reader->HasCard());
+    EXPECT_FALSE(reader->CurrentFaults().dropConnection) << "the fault fires once";
+    PcscHandle again = 0;
+    ASSERT_EQ(pcsc->Disconnect(handle, pcsc_const::LeaveCard), pcsc_code::Success);
+    EXPECT_EQ(pcsc->Connect(context, reader->Name(), 1, 2, again, protocol), pcsc_code::NoSmartcard);
+    reader->Insert(card);
+    ASSERT_EQ(pcsc->Connect(context, reader->Name(), 1, 2, again, protocol), pcsc_code::Success);
+    received = answer.size();
+    ASSERT_EQ(pcsc->Transmit(again, protocol, B("FF CA 00 00 00"), answer, received), pcsc_code::Success);
+    EXPECT_EQ(H(Bytes(answer.begin(), answer.begin() + static_cast<std::ptrdiff_t>(received))), "CF1E2D3C9000");
+}
+
+TEST(Faults, EndlessMoreFramesAnswersEveryDesfireFrameAndSparesReaderCommands) {
+    Reader reader{"test"};
+    reader.Insert(MakeCard("mifare1k"));
+    Faults endless;
+    endless.endlessMoreFrames = true;
+    reader.SetFaults(endless);
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(Answer(reader, "AF"), "AF");
+        EXPECT_EQ(Answer(reader, "90 AF 00 00 00"), "91AF");
+    }
+    EXPECT_EQ(Answer(reader, "60"), "AF");
+    EXPECT_EQ(Answer(reader, "FF CA 00 00 00"), "CF1E2D3C9000");
+}
+
+// Sector 1 with its own keys and data, as a test personalises it.
+void Personalise(Reader& reader) {
+    ASSERT_EQ(Open(reader, 4, 'A', "FFFFFFFFFFFF"), "9000");
+    ASSERT_EQ(Answer(reader, Write(5, "00112233445566778899AABBCCDDEEFF")), "9000");
+    ASSERT_EQ(Answer(reader, Write(7,
+                                   "A0A1A2A3A4A5"
+                                   "787788"
+                                   "42"
+                                   "B0B1B2B3B4B5")),
+              "9000");
+}
+
+TEST(CardState, SavedContentsComeBackInAnotherCard) {
+    for (const char* kind : {"mifare1k", "mifare4k"}) {
+        SCOPED_TRACE(kind);
+        Reader reader{"first"};
+        auto original = MakeCard(kind, B("11223344"));
+        reader.Insert(original);
+        Personalise(reader);
+        const nlohmann::json saved = original->Save();
+        EXPECT_EQ(saved.at("kind"), kind);
+        EXPECT_EQ(saved.at("uid"), "11223344");
+        EXPECT_EQ(saved.at("blocks").size(), std::string(kind) == "mifare1k" ? 64u : 256u);
+        EXPECT_EQ(saved.at("blocks").at(7), "A0A1A2A3A4A578778842B0B1B2B3B4B5") << "keys are kept in the state";
+
+        auto restored = MakeCard(kind);  // another UID: the state brings its own
+        restored->Load(nlohmann::json::parse(saved.dump()));
+        EXPECT_EQ(restored->Save(), saved);
+        Reader later{"second"};
+        later.Insert(restored);
+        EXPECT_EQ(Answer(later, "FF CA 00 00 00"), "112233449000");
+        EXPECT_EQ(Open(later, 5, 'A', "FFFFFFFFFFFF"), "6300");
+        ASSERT_EQ(Open(later, 5, 'B', "B0B1B2B3B4B5"), "9000");
+        EXPECT_EQ(Answer(later, Read(5)), "00112233445566778899AABBCCDDEEFF9000");
+    }
+}
+
+TEST(CardState, MalformedDocumentsAreRefusedAndLeaveTheCardAsItWas) {
+    const nlohmann::json good = MakeCard("mifare1k")->Save();
+    auto with = [&](const char* key, nlohmann::json value) {
+        nlohmann::json doc = good;
+        doc[key] = std::move(value);
+        return doc;
+    };
+    auto withBlock = [&](std::size_t index, nlohmann::json value) {
+        nlohmann::json doc = good;
+        doc["blocks"][index] = std::move(value);
+        return doc;
+    };
+    nlohmann::json shortList = good;
+    shortList["blocks"].erase(shortList["blocks"].begin());
+    nlohmann::json noUid = good;
+    noUid.erase("uid");
+    const nlohmann::json rows[] = {
+        nlohmann::json::array(),
+        with("kind", "mifare4k"),
+        with("kind", 1),
+        noUid,
+        with("uid", "CF1E2D3"),
+        with("uid", "CF1E2D3C00"),
+        with("uid", "11223344"),  // block 0 holds another UID
+        shortList,
+        withBlock(4, "0011"),
+        withBlock(4, "G0000000000000000000000000000000"),
+        withBlock(4, 16),
+    };
+    for (const auto& doc : rows) {
+        auto card = MakeCard("mifare1k");
+        Reader reader{"test"};
+        reader.Insert(card);
+        Personalise(reader);
+        const nlohmann::json before = card->Save();
+        EXPECT_THROW(card->Load(doc), std::runtime_error) << doc.dump().substr(0, 80);
+        EXPECT_EQ(card->Save(), before);
+    }
+}
+
+TEST(CardState, LoadingEndsTheCurrentAuthentication) {
+    auto card = MakeCard("mifare1k");
+    Reader reader{"test"};
+    reader.Insert(card);
+    ASSERT_EQ(Open(reader, 4, 'A', "FFFFFFFFFFFF"), "9000");
+    card->Load(card->Save());
+    EXPECT_EQ(Answer(reader, Read(4)), "6982");
+}
+
+}  // namespace

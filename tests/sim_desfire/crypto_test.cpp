@@ -1,0 +1,128 @@
+// The card's legacy primitives against published vectors and against the
+// independent host computations.
+#include <gtest/gtest.h>
+#include <openssl/rand.h>
+
+#include "host.h"
+#include "sim/desfire/desfire_crypto.h"
+
+namespace card = elatectwn4::sim::desfire;
+using namespace desfire_test;
+
+namespace {
+
+card::LegacyKey CardKey(const Key& k) {
+    return k;
+}
+
+Bytes Random(std::size_t n) {
+    Bytes b(n);
+    RAND_bytes(b.data(), static_cast<int>(n));
+    return b;
+}
+
+// Keys of both kinds, none of them the weak all-zero key.
+const char* const kKeys[] = {
+    "133457799BBCDFF1",                  // single DES (halves equal)
+    "0123456789ABCDEF",                  // single DES
+    "00112233445566778899AABBCCDDEEFF",  // two-key Triple-DES
+    "4A1B7C3D5E6F708192A3B4C5D6E7F809",  // two-key Triple-DES
+};
+
+}  // namespace
+
+TEST(Crc16, MatchesTheIso14443CrcAExamples) {
+    struct Case {
+        const char* data;
+        const char* crcLowFirst;
+    } const cases[] = {
+        {"", "6363"},
+        {"0000", "A01E"},                // ISO/IEC 14443-3 annex example
+        {"313233343536373839", "05BF"},  // check value of CRC-16/ISO-IEC-14443-3-A: 0xBF05
+    };
+    for (const auto& c : cases) {
+        Bytes out;
+        card::AppendCrc16(out, Hex(c.data));
+        EXPECT_EQ(ToHex(out), c.crcLowFirst) << "data " << c.data;
+    }
+}
+
+TEST(Crc16, AgreesWithABitwiseComputationOnRandomData) {
+    for (std::size_t n = 0; n < 70; ++n) {
+        const Bytes data = Random(n);
+        EXPECT_EQ(card::Crc16(data), CrcA(data)) << ToHex(data);
+    }
+}
+
+TEST(LegacyCipher, EnciphersTheClassicDesVector) {
+    // FIPS 46 worked example: key 133457799BBCDFF1, plain 0123456789ABCDEF.
+    const card::LegacyCipher cipher(CardKey(MakeKey("133457799BBCDFF1")));
+    EXPECT_EQ(ToHex(cipher.Encipher(Hex("0123456789ABCDEF"))), "85E813540F0AB405");
+}
+
+TEST(LegacyCipher, EnciphersWithTwoKeyTripleDesWhenHalvesDiffer) {
+    const Key key = MakeKey("00112233445566778899AABBCCDDEEFF");
+    const card::LegacyCipher cipher(CardKey(key));
+    const Bytes block = Hex("0123456789ABCDEF");
+    // E_K1(D_K2(E_K1(x))) assembled from single-DES steps of the host.
+    const Bytes step1 = Cipher(MakeKey("0011223344556677"), block, true);
+    const Bytes step2 = Cipher(MakeKey("8899AABBCCDDEEFF"), step1, false);
+    const Bytes step3 = Cipher(MakeKey("0011223344556677"), step2, true);
+    EXPECT_EQ(ToHex(cipher.Encipher(block)), ToHex(step3));
+    EXPECT_NE(ToHex(step3), ToHex(Cipher(MakeKey("0011223344556677"), block, true)));
+}
+
+TEST(LegacyCipher, UndoesTheHostSendModeForEveryKeyAndLength) {
+    for (const char* hex : kKeys) {
+        const Key key = MakeKey(hex);
+        const card::LegacyCipher cipher(CardKey(key));
+        for (std::size_t blocks = 1; blocks <= 5; ++blocks) {
+            const Bytes plain = Random(8 * blocks);
+            EXPECT_EQ(ToHex(cipher.UndoSendMode(SendMode(key, plain))), ToHex(plain)) << hex << " x" << blocks;
+        }
+    }
+}
+
+TEST(LegacyCipher, EnciphersWhatTheHostDeciphersInReceiveMode) {
+    for (const char* hex : kKeys) {
+        const Key key = MakeKey(hex);
+        const card::LegacyCipher cipher(CardKey(key));
+        for (std::size_t blocks = 1; blocks <= 5; ++blocks) {
+            const Bytes plain = Random(8 * blocks);
+            const Bytes sent = cipher.EncipherCbc(plain);
+            EXPECT_NE(ToHex(sent), ToHex(plain));
+            EXPECT_EQ(ToHex(ReceiveMode(key, sent)), ToHex(plain)) << hex << " x" << blocks;
+        }
+    }
+}
+
+TEST(LegacyCipher, MacIsTheFirstFourBytesOfTheLastCbcBlock) {
+    for (const char* hex : kKeys) {
+        const Key key = MakeKey(hex);
+        const card::LegacyCipher cipher(CardKey(key));
+        for (std::size_t n : {1u, 4u, 7u, 8u, 9u, 16u, 31u, 59u}) {
+            const Bytes data = Random(n);
+            const card::Mac mac = cipher.ComputeMac(data);
+            EXPECT_EQ(ToHex(mac), ToHex(LegacyMac(key, data))) << hex << " length " << n;
+        }
+    }
+}
+
+TEST(LegacyCipher, RefusesInputThatIsNotWholeBlocks) {
+    const card::LegacyCipher cipher(CardKey(MakeKey(kKeys[2])));
+    EXPECT_THROW(cipher.Encipher(Bytes(7)), std::invalid_argument);
+    EXPECT_THROW(cipher.UndoSendMode(Bytes(9)), std::invalid_argument);
+}
+
+TEST(KeyVersion, IsReadFromTheParityBitsOfTheFirstHalf) {
+    struct Case {
+        const char* key;
+        std::uint8_t version;
+    } const cases[] = {
+        {"00000000000000000000000000000000", 0x00}, {"01000000000000000000000000000000", 0x80},
+        {"00000000000000010000000000000000", 0x01}, {"0101010101010101FEFEFEFEFEFEFEFE", 0xFF},
+        {"1122334455667788FFFFFFFFFFFFFFFF", 0xAA},  // only the first half counts
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(card::KeyVersion(MakeKey(c.key)), c.version) << c.key;
+}

@@ -1,0 +1,51 @@
+// A fresh simulated card with a host, and the steps most tests start from.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <deque>
+
+#include "host.h"
+#include "sim/desfire/desfire_sim.h"
+
+namespace desfire_test {
+
+/// Hands out queued challenges first, then random bytes.
+struct ScriptedRandom {
+    std::shared_ptr<std::deque<Bytes>> queue = std::make_shared<std::deque<Bytes>>();
+    void operator()(std::span<std::uint8_t> out) const;
+};
+
+/// Frame for ChangeKey of the session's own key: new key, CRC, zero padding.
+Bytes ChangeOwnKeyFrame(const Host& host, std::uint8_t keyNumber, const Key& newKey);
+/// Frame for ChangeKey of another key: (old XOR new), CRC of that, CRC of the new key, zero padding.
+Bytes ChangeOtherKeyFrame(const Host& host, std::uint8_t keyNumber, const Key& oldKey, const Key& newKey);
+
+inline const Key kZeroKey{};
+inline const Key kPiccKey = MakeKey("4A1B7C3D5E6F708192A3B4C5D6E7F809");
+inline const Key kAppMasterKey = MakeKey("1122334455667788");  // single DES
+inline const Key kReadKey = MakeKey("0F1E2D3C4B5A69788796A5B4C3D2E1F0");
+inline const Key kWriteKey = MakeKey("F00DCAFEBEEF1234");  // single DES
+inline const Bytes kAid = Hex("A1 B2 C3");
+
+class CardTest : public ::testing::Test {
+protected:
+    CardTest() : card_({}, random_), host_(card_) {}
+
+    /// Answer status as text, for readable assertions.
+    std::string Status(ByteSpan frame) { return StatusName(host_.Send(frame).status); }
+    static std::string Is(std::uint8_t status) { return StatusName(status); }
+
+    /// Card master key changed from the factory key to kPiccKey, session open with it.
+    void SecureCard();
+    /// Application kAid with `keyCount` keys and `settings`; key 0 becomes
+    /// kAppMasterKey, key 1 kReadKey, key 2 kWriteKey (when present). Leaves a
+    /// session with key 0 of the application.
+    void CreateApplication(std::uint8_t settings = 0x0F, std::uint8_t keyCount = 3);
+
+    ScriptedRandom random_;
+    elatectwn4::sim::desfire::DesfireCard card_;
+    Host host_;
+};
+
+}  // namespace desfire_test
