@@ -5,20 +5,19 @@
 #include <cstring>
 #include <fstream>
 #include <iostream>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-#include <nlohmann/json.hpp>
-
 #include "cli/script.h"
-#include "sim/simulation/simulation.h"
 #include "command/pcsc_error_text.h"
 #include "elatectwn4/dispatch.h"
 #include "elatectwn4/encoder.h"
 #include "elatectwn4/version.h"
+#include "sim/simulation/simulation.h"
 
 namespace {
 
@@ -158,7 +157,8 @@ Options ParseOptions(int argc, char** argv) {
             break;
         }
     }
-    for (; i < argc; ++i) o.words.emplace_back(argv[i]);
+    for (; i < argc; ++i)
+        o.words.emplace_back(argv[i]);
     if (o.reader && o.simulateKind) throw UsageError("--reader and --simulate exclude each other");
     if (o.script && !o.words.empty()) {
         throw UsageError("give the calls either on the command line or with --script, not both");
@@ -168,9 +168,12 @@ Options ParseOptions(int argc, char** argv) {
 
 std::string ResultName(std::int32_t code) {
     switch (code) {
-        case sceSuccess: return "sceSuccess";
-        case sceCanceled: return "sceCanceled";
-        case sceError: return "sceError";
+        case sceSuccess:
+            return "sceSuccess";
+        case sceCanceled:
+            return "sceCanceled";
+        case sceError:
+            return "sceError";
     }
     return std::to_string(code);
 }
@@ -185,14 +188,30 @@ std::string Named(std::string_view typeName, const Variant& value) {
         if (*n >= 0 && *n <= 3) name = states[*n];
     } else if (typeName == "sceCardTypes") {
         switch (*n) {
-            case sceUnhandled: name = "sceUnhandled"; break;
-            case sceUnknownType: name = "sceUnknownType"; break;
-            case sceMifare1K: name = "sceMifare1K"; break;
-            case sceMifare4K: name = "sceMifare4K"; break;
-            case sceMifareUltralight: name = "sceMifareUltralight"; break;
-            case sceDESFire: name = "sceDESFire"; break;
-            case sceRfid125KHz: name = "sceRfid125KHz"; break;
-            case scePicoPass2KS: name = "scePicoPass2KS"; break;
+            case sceUnhandled:
+                name = "sceUnhandled";
+                break;
+            case sceUnknownType:
+                name = "sceUnknownType";
+                break;
+            case sceMifare1K:
+                name = "sceMifare1K";
+                break;
+            case sceMifare4K:
+                name = "sceMifare4K";
+                break;
+            case sceMifareUltralight:
+                name = "sceMifareUltralight";
+                break;
+            case sceDESFire:
+                name = "sceDESFire";
+                break;
+            case sceRfid125KHz:
+                name = "sceRfid125KHz";
+                break;
+            case scePicoPass2KS:
+                name = "scePicoPass2KS";
+                break;
         }
     }
     return name ? std::to_string(*n) + " (" + name + ")" : std::to_string(*n);
@@ -207,9 +226,12 @@ nlohmann::json JsonValue(const Variant& value) {
     return std::visit(
         [](const auto& x) -> nlohmann::json {
             using T = std::decay_t<decltype(x)>;
-            if constexpr (std::is_same_v<T, std::monostate>) return nullptr;
-            else if constexpr (std::is_same_v<T, std::vector<std::uint8_t>>) return ToText(Variant{x});
-            else return x;
+            if constexpr (std::is_same_v<T, std::monostate>)
+                return nullptr;
+            else if constexpr (std::is_same_v<T, std::vector<std::uint8_t>>)
+                return ToText(Variant{x});
+            else
+                return x;
         },
         value);
 }
@@ -247,11 +269,11 @@ public:
             line["error"] = ErrorJson(e);
             std::cout << line.dump() << std::endl;
         } else {
-            std::cout << m.name << ": " << ResultName(code);
-            if (!hasCode && m.result != ValueType::Void && m.result != ValueType::Object) {
-                std::cout << "\n    " << m.name << " = " << Indent(Named(m.resultTypeName, result.value));
+            if (hasCode || m.result == ValueType::Void || m.result == ValueType::Object) {
+                std::cout << m.name << ": " << ResultName(code) << '\n';
+            } else {
+                std::cout << m.name << " = " << Indent(Named(m.resultTypeName, result.value)) << '\n';
             }
-            std::cout << '\n';
             for (std::size_t i = 0; i < args.size(); ++i) {
                 if (m.params[i].inOut) std::cout << "    " << m.params[i].name << " = " << ToText(args[i]) << '\n';
             }
@@ -265,8 +287,11 @@ public:
     void ReportOpenFailure() {
         const CError& e = encoder_.LastError();
         if (json_) {
-            nlohmann::json line{{"member", "OpenEncoder"}, {"result", sceError}, {"resultName", "sceError"},
-                                {"out", nlohmann::json::object()}, {"error", ErrorJson(e)}};
+            nlohmann::json line{{"member", "OpenEncoder"},
+                                {"result", sceError},
+                                {"resultName", "sceError"},
+                                {"out", nlohmann::json::object()},
+                                {"error", ErrorJson(e)}};
             std::cout << line.dump() << std::endl;
         } else {
             std::cout << "OpenEncoder: sceError\n";
@@ -276,15 +301,16 @@ public:
 
 private:
     static std::string Indent(std::string text) {
-        for (std::size_t at = text.find('\n'); at != std::string::npos; at = text.find('\n', at + 6)) {
-            text.insert(at + 1, "      ");
+        for (std::size_t at = text.find('\n'); at != std::string::npos; at = text.find('\n', at + 5)) {
+            text.insert(at + 1, "    ");
         }
-        while (!text.empty() && (text.back() == '\n' || text.back() == '\r' || text.back() == ' ')) text.pop_back();
+        while (!text.empty() && (text.back() == '\n' || text.back() == '\r' || text.back() == ' '))
+            text.pop_back();
         return text;
     }
 
     nlohmann::json ErrorJson(const CError& e) {
-        return {{"Number", e.Number},         {"Description", e.Description}, {"LastDllError", e.LastDllError},
+        return {{"Number", e.Number},           {"Description", e.Description}, {"LastDllError", e.LastDllError},
                 {"ComFunction", e.ComFunction}, {"RdrCommand", e.RdrCommand},   {"RdrRetCode", e.RdrRetCode}};
     }
 
@@ -316,8 +342,8 @@ public:
         if (!shown_) return;
         constexpr int width = 30;
         const int filled = static_cast<int>(done * width / total_);
-        std::fprintf(stderr, "\r[%.*s%*s] %zu/%zu %.*s\033[K", filled, "##############################",
-                     width - filled, "", done, total_, static_cast<int>(member.size()), member.data());
+        std::fprintf(stderr, "\r[%.*s%*s] %zu/%zu %.*s\033[K", filled, "##############################", width - filled,
+                     "", done, total_, static_cast<int>(member.size()), member.data());
         std::fflush(stderr);
     }
 
@@ -350,7 +376,8 @@ int ListReaders(const Options& o) {
     if (o.json) {
         std::cout << nlohmann::json(readers).dump() << '\n';
     } else {
-        for (const auto& r : readers) std::cout << r << '\n';
+        for (const auto& r : readers)
+            std::cout << r << '\n';
     }
     return kExitOk;
 }
@@ -425,7 +452,8 @@ int Run(const Options& o) {
             return kExitFailure;
         }
         std::size_t total = 0;
-        for (const auto& c : calls) total += c.member != nullptr;
+        for (const auto& c : calls)
+            total += c.member != nullptr;
         Progress progress(total);
         std::size_t done = 0;
         for (auto& call : calls) {

@@ -20,18 +20,24 @@ const MemberInfo* Resolve(std::string_view name) {
 
 Variant DefaultOf(ValueType type) {
     switch (type) {
-        case ValueType::String: return std::string();
-        case ValueType::Long: return std::int32_t{0};
-        case ValueType::Byte: return std::uint8_t{0};
-        case ValueType::Boolean: return false;
-        default: return {};
+        case ValueType::String:
+            return std::string();
+        case ValueType::Long:
+            return std::int32_t{0};
+        case ValueType::Byte:
+            return std::uint8_t{0};
+        case ValueType::Boolean:
+            return false;
+        default:
+            return {};
     }
 }
 
 // Text as typed on a command line, converted to what the parameter takes.
 Variant FromText(const std::string& text, const ParamInfo& p) {
     switch (p.type) {
-        case ValueType::String: return text;
+        case ValueType::String:
+            return text;
         case ValueType::Variant: {
             try {
                 return ConvertArgument(Variant{text}, ValueType::Long);
@@ -39,16 +45,21 @@ Variant FromText(const std::string& text, const ParamInfo& p) {
                 return text;
             }
         }
-        default: return ConvertArgument(Variant{text}, p.type);
+        default:
+            return ConvertArgument(Variant{text}, p.type);
     }
 }
 
 std::string Expected(const ParamInfo& p) {
     switch (p.type) {
-        case ValueType::Long: return "a whole number (Long, -2147483648..2147483647)";
-        case ValueType::Byte: return "a whole number from 0 to 255 (Byte)";
-        case ValueType::Boolean: return "true, false, 1 or 0 (Boolean)";
-        default: return std::string(p.typeName);
+        case ValueType::Long:
+            return "a whole number (Long, -2147483648..2147483647)";
+        case ValueType::Byte:
+            return "a whole number from 0 to 255 (Byte)";
+        case ValueType::Boolean:
+            return "true, false, 1 or 0 (Boolean)";
+        default:
+            return std::string(p.typeName);
     }
 }
 
@@ -93,7 +104,8 @@ std::vector<std::string> SplitLine(std::string_view line) {
     std::vector<std::string> words;
     std::size_t i = 0;
     while (i < line.size()) {
-        while (i < line.size() && std::isspace(static_cast<unsigned char>(line[i]))) ++i;
+        while (i < line.size() && std::isspace(static_cast<unsigned char>(line[i])))
+            ++i;
         if (i >= line.size()) break;
         std::string word;
         bool quotedWord = false;

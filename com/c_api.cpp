@@ -34,11 +34,21 @@ void SetMessage(char** message, std::string_view text) {
 
 bool ToVariant(const elatectwn4_value& in, Variant& out) {
     switch (in.type) {
-        case ELATECTWN4_EMPTY: out = std::monostate{}; return true;
-        case ELATECTWN4_BOOL: out = in.number != 0; return true;
-        case ELATECTWN4_BYTE: out = static_cast<std::uint8_t>(in.number); return true;
-        case ELATECTWN4_LONG: out = in.number; return true;
-        case ELATECTWN4_DOUBLE: out = in.real; return true;
+        case ELATECTWN4_EMPTY:
+            out = std::monostate{};
+            return true;
+        case ELATECTWN4_BOOL:
+            out = in.number != 0;
+            return true;
+        case ELATECTWN4_BYTE:
+            out = static_cast<std::uint8_t>(in.number);
+            return true;
+        case ELATECTWN4_LONG:
+            out = in.number;
+            return true;
+        case ELATECTWN4_DOUBLE:
+            out = in.real;
+            return true;
         case ELATECTWN4_STRING:
             out = in.text == nullptr ? std::string() : std::string(in.text, in.length);
             return true;
@@ -83,10 +93,14 @@ elatectwn4_value FromVariant(const Variant& v) {
 
 int CallCode(DispatchError::Reason reason) {
     switch (reason) {
-        case DispatchError::Reason::UnknownName: return ELATECTWN4_CALL_UNKNOWN_NAME;
-        case DispatchError::Reason::BadParamCount: return ELATECTWN4_CALL_BAD_PARAM_COUNT;
-        case DispatchError::Reason::TypeMismatch: return ELATECTWN4_CALL_TYPE_MISMATCH;
-        case DispatchError::Reason::Overflow: return ELATECTWN4_CALL_OVERFLOW;
+        case DispatchError::Reason::UnknownName:
+            return ELATECTWN4_CALL_UNKNOWN_NAME;
+        case DispatchError::Reason::BadParamCount:
+            return ELATECTWN4_CALL_BAD_PARAM_COUNT;
+        case DispatchError::Reason::TypeMismatch:
+            return ELATECTWN4_CALL_TYPE_MISMATCH;
+        case DispatchError::Reason::Overflow:
+            return ELATECTWN4_CALL_OVERFLOW;
     }
     return ELATECTWN4_CALL_INVALID;
 }
@@ -148,7 +162,9 @@ int elatectwn4_call(elatectwn4_encoder* encoder, const char* member, int kind, e
     }
 }
 
-size_t elatectwn4_member_count(void) { return elatectwn4::Members().size(); }
+size_t elatectwn4_member_count(void) {
+    return elatectwn4::Members().size();
+}
 
 char* elatectwn4_member_signature(size_t index) {
     const auto members = elatectwn4::Members();
@@ -184,7 +200,9 @@ int32_t elatectwn4_close(elatectwn4_encoder* encoder) {
     return encoder ? encoder->encoder->CloseEncoder() : ELATECTWN4_SCE_ERROR;
 }
 
-int32_t elatectwn4_state(elatectwn4_encoder* encoder) { return encoder ? encoder->encoder->EncoderState() : 0; }
+int32_t elatectwn4_state(elatectwn4_encoder* encoder) {
+    return encoder ? encoder->encoder->EncoderState() : 0;
+}
 
 int32_t elatectwn4_read_serial_number(elatectwn4_encoder* encoder, char** serial_number) {
     if (encoder == nullptr) return ELATECTWN4_SCE_ERROR;
@@ -198,7 +216,9 @@ char* elatectwn4_atr(elatectwn4_encoder* encoder) {
     return encoder ? Duplicate(encoder->encoder->ATRString()) : nullptr;
 }
 
-int32_t elatectwn4_card_type(elatectwn4_encoder* encoder) { return encoder ? encoder->encoder->CardType() : 0; }
+int32_t elatectwn4_card_type(elatectwn4_encoder* encoder) {
+    return encoder ? encoder->encoder->CardType() : 0;
+}
 
 int32_t elatectwn4_read_block(elatectwn4_encoder* encoder, int32_t block, const char* key, uint8_t key_type,
                               char** contents) {
@@ -221,7 +241,9 @@ char* elatectwn4_response_text(elatectwn4_encoder* encoder, const char* sw1sw2, 
     return Duplicate(encoder->encoder->GetResponseText(sw1sw2 ? sw1sw2 : "", encoder_command ? encoder_command : ""));
 }
 
-void elatectwn4_free(void* text) { std::free(text); }
+void elatectwn4_free(void* text) {
+    std::free(text);
+}
 
 void elatectwn4_value_clear(elatectwn4_value* value) {
     if (value == nullptr) return;

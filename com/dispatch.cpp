@@ -18,9 +18,12 @@ bool SameName(std::string_view a, std::string_view b) {
 
 std::string KindText(MemberKind kind) {
     switch (kind) {
-        case MemberKind::Method: return "method";
-        case MemberKind::PropertyGet: return "property get";
-        case MemberKind::PropertyPut: return "property put";
+        case MemberKind::Method:
+            return "method";
+        case MemberKind::PropertyGet:
+            return "property get";
+        case MemberKind::PropertyPut:
+            return "property put";
     }
     return "member";
 }
@@ -29,31 +32,42 @@ std::string Describe(const Variant& v) {
     return std::visit(
         [](const auto& x) -> std::string {
             using T = std::decay_t<decltype(x)>;
-            if constexpr (std::is_same_v<T, std::monostate>) return "nothing";
-            else if constexpr (std::is_same_v<T, bool>) return "a Boolean";
-            else if constexpr (std::is_same_v<T, std::uint8_t>) return "a Byte";
-            else if constexpr (std::is_same_v<T, std::int32_t>) return "a Long";
-            else if constexpr (std::is_same_v<T, double>) return "a Double";
-            else if constexpr (std::is_same_v<T, std::string>) return "the text \"" + x + "\"";
-            else return "a byte array";
+            if constexpr (std::is_same_v<T, std::monostate>)
+                return "nothing";
+            else if constexpr (std::is_same_v<T, bool>)
+                return "a Boolean";
+            else if constexpr (std::is_same_v<T, std::uint8_t>)
+                return "a Byte";
+            else if constexpr (std::is_same_v<T, std::int32_t>)
+                return "a Long";
+            else if constexpr (std::is_same_v<T, double>)
+                return "a Double";
+            else if constexpr (std::is_same_v<T, std::string>)
+                return "the text \"" + x + "\"";
+            else
+                return "a byte array";
         },
         v);
 }
 
-std::string Where(int index) { return index >= 0 ? "argument " + std::to_string(index + 1) + ": " : std::string(); }
+std::string Where(int index) {
+    return index >= 0 ? "argument " + std::to_string(index + 1) + ": " : std::string();
+}
 
 // Whole numbers written in decimal, or in hex with "&H" or "0x" in front.
 bool ParseInteger(std::string_view text, long long& out) {
-    while (!text.empty() && text.front() == ' ') text.remove_prefix(1);
-    while (!text.empty() && text.back() == ' ') text.remove_suffix(1);
+    while (!text.empty() && text.front() == ' ')
+        text.remove_prefix(1);
+    while (!text.empty() && text.back() == ' ')
+        text.remove_suffix(1);
     bool negative = false;
     if (!text.empty() && (text.front() == '-' || text.front() == '+')) {
         negative = text.front() == '-';
         text.remove_prefix(1);
     }
     int base = 10;
-    if (text.size() > 2 && (text.starts_with("&H") || text.starts_with("&h") || text.starts_with("0x") ||
-                            text.starts_with("0X"))) {
+    if (text.size() > 2 &&
+        (text.starts_with("&H") || text.starts_with("&h") || text.starts_with("0x") || text.starts_with("0X"))) {
         base = 16;
         text.remove_prefix(2);
     }
@@ -94,23 +108,34 @@ long long IntegerOf(const Variant& value, ValueType type, int index) {
 
 std::uint32_t DispatchError::hresult() const noexcept {
     switch (reason_) {
-        case Reason::UnknownName: return 0x80020006;
-        case Reason::BadParamCount: return 0x8002000E;
-        case Reason::TypeMismatch: return 0x80020005;
-        case Reason::Overflow: return 0x8002000A;
+        case Reason::UnknownName:
+            return 0x80020006;
+        case Reason::BadParamCount:
+            return 0x8002000E;
+        case Reason::TypeMismatch:
+            return 0x80020005;
+        case Reason::Overflow:
+            return 0x8002000A;
     }
     return 0x80004005;
 }
 
 std::string_view TypeName(ValueType type) noexcept {
     switch (type) {
-        case ValueType::Void: return "Void";
-        case ValueType::String: return "String";
-        case ValueType::Long: return "Long";
-        case ValueType::Byte: return "Byte";
-        case ValueType::Boolean: return "Boolean";
-        case ValueType::Variant: return "Variant";
-        case ValueType::Object: return "Object";
+        case ValueType::Void:
+            return "Void";
+        case ValueType::String:
+            return "String";
+        case ValueType::Long:
+            return "Long";
+        case ValueType::Byte:
+            return "Byte";
+        case ValueType::Boolean:
+            return "Boolean";
+        case ValueType::Variant:
+            return "Variant";
+        case ValueType::Object:
+            return "Object";
     }
     return "?";
 }
@@ -139,7 +164,8 @@ std::string Signature(const MemberInfo& m) {
 std::span<const MemberInfo> Members() {
     static const std::vector<MemberInfo> members = [] {
         std::vector<MemberInfo> out;
-        for (const auto& row : com::MemberRows()) out.push_back(row.info);
+        for (const auto& row : com::MemberRows())
+            out.push_back(row.info);
         return out;
     }();
     return members;
@@ -156,7 +182,8 @@ const MemberInfo* FindMember(std::string_view interfaceName, std::string_view na
 
 Variant ConvertArgument(const Variant& value, ValueType type, int index) {
     switch (type) {
-        case ValueType::Variant: return value;
+        case ValueType::Variant:
+            return value;
         case ValueType::String:
             if (std::holds_alternative<std::string>(value)) return value;
             throw DispatchError(DispatchError::Reason::TypeMismatch,
@@ -186,7 +213,8 @@ Variant ConvertArgument(const Variant& value, ValueType type, int index) {
             return Variant{IntegerOf(value, type, index) != 0};
         }
         case ValueType::Void:
-        case ValueType::Object: break;
+        case ValueType::Object:
+            break;
     }
     throw DispatchError(DispatchError::Reason::TypeMismatch, Where(index) + "cannot be passed", index);
 }
@@ -195,15 +223,18 @@ std::string ToText(const Variant& value) {
     return std::visit(
         [](const auto& x) -> std::string {
             using T = std::decay_t<decltype(x)>;
-            if constexpr (std::is_same_v<T, std::monostate>) return "";
-            else if constexpr (std::is_same_v<T, bool>) return x ? "True" : "False";
+            if constexpr (std::is_same_v<T, std::monostate>)
+                return "";
+            else if constexpr (std::is_same_v<T, bool>)
+                return x ? "True" : "False";
             else if constexpr (std::is_same_v<T, std::uint8_t> || std::is_same_v<T, std::int32_t>) {
                 return std::to_string(x);
             } else if constexpr (std::is_same_v<T, double>) {
                 char buffer[32];
                 const auto [end, ec] = std::to_chars(buffer, buffer + sizeof buffer, x);
                 return std::string(buffer, ec == std::errc() ? end : buffer);
-            } else if constexpr (std::is_same_v<T, std::string>) return x;
+            } else if constexpr (std::is_same_v<T, std::string>)
+                return x;
             else {
                 static constexpr char digits[] = "0123456789ABCDEF";
                 std::string out;
@@ -229,9 +260,9 @@ auto InvokeRow(const com::MemberRow& row, std::vector<Variant>& args, Call call)
         const std::string expected = required == params.size()
                                          ? std::to_string(required)
                                          : std::to_string(required) + " to " + std::to_string(params.size());
-        throw DispatchError(DispatchError::Reason::BadParamCount,
-                            std::string(row.info.name) + " takes " + expected + " argument(s), " +
-                                std::to_string(args.size()) + " given");
+        throw DispatchError(DispatchError::Reason::BadParamCount, std::string(row.info.name) + " takes " + expected +
+                                                                      " argument(s), " + std::to_string(args.size()) +
+                                                                      " given");
     }
     std::vector<Variant> working;
     working.reserve(params.size());
@@ -261,7 +292,8 @@ const com::MemberRow* FindRow(std::string_view interfaceName, auto matches) {
 }  // namespace
 
 DispatchResult Invoke(Encoder& encoder, std::string_view name, MemberKind kind, std::vector<Variant>& args) {
-    const auto* row = FindRow("_Encoder", [&](const MemberInfo& m) { return m.kind == kind && SameName(m.name, name); });
+    const auto* row =
+        FindRow("_Encoder", [&](const MemberInfo& m) { return m.kind == kind && SameName(m.name, name); });
     if (row == nullptr) {
         throw DispatchError(DispatchError::Reason::UnknownName,
                             "_Encoder has no " + KindText(kind) + " named \"" + std::string(name) + "\"");

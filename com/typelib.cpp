@@ -27,13 +27,25 @@ constexpr ParamInfo Opt(std::string_view name, ValueType type, std::string_view 
 
 // Argument access: the dispatcher has already converted every argument to
 // its parameter's type, so these never see another alternative.
-std::string& S(std::vector<Variant>& a, std::size_t i) { return std::get<std::string>(a[i]); }
-std::int32_t& L(std::vector<Variant>& a, std::size_t i) { return std::get<std::int32_t>(a[i]); }
-std::uint8_t& B(std::vector<Variant>& a, std::size_t i) { return std::get<std::uint8_t>(a[i]); }
+std::string& S(std::vector<Variant>& a, std::size_t i) {
+    return std::get<std::string>(a[i]);
+}
+std::int32_t& L(std::vector<Variant>& a, std::size_t i) {
+    return std::get<std::int32_t>(a[i]);
+}
+std::uint8_t& B(std::vector<Variant>& a, std::size_t i) {
+    return std::get<std::uint8_t>(a[i]);
+}
 
-DispatchResult Ret(std::int32_t value) { return {Variant{value}, nullptr}; }
-DispatchResult Ret(std::string value) { return {Variant{std::move(value)}, nullptr}; }
-DispatchResult Nothing() { return {}; }
+DispatchResult Ret(std::int32_t value) {
+    return {Variant{value}, nullptr};
+}
+DispatchResult Ret(std::string value) {
+    return {Variant{std::move(value)}, nullptr};
+}
+DispatchResult Nothing() {
+    return {};
+}
 
 // Parameter lists shared by several members.
 constexpr std::array kNoParams = std::array<ParamInfo, 0>{};
@@ -93,8 +105,8 @@ DispatchResult BytesInBlockLike(Encoder& e, std::vector<Variant>& a) {
 }
 template <auto Member>
 DispatchResult WriteTrailerLike(Encoder& e, std::vector<Variant>& a) {
-    return Ret((e.*Member)(L(a, 0), S(a, 1), B(a, 2), S(a, 3), S(a, 4), B(a, 5), L(a, 6), L(a, 7), L(a, 8), L(a, 9),
-                           a[10]));
+    return Ret(
+        (e.*Member)(L(a, 0), S(a, 1), B(a, 2), S(a, 3), S(a, 4), B(a, 5), L(a, 6), L(a, 7), L(a, 8), L(a, 9), a[10]));
 }
 template <auto Member>
 DispatchResult ReadTrailerLike(Encoder& e, std::vector<Variant>& a) {
@@ -130,7 +142,9 @@ const std::array kRows{
                   return Nothing();
               }},
     MemberRow{M("LastError", 2, PropertyGet, Object, "CError", kNoParams, "The record of the last failure"),
-              [](Encoder& e, std::vector<Variant>&) { return DispatchResult{{}, &e.LastError()}; }},
+              [](Encoder& e, std::vector<Variant>&) {
+                  return DispatchResult{{}, &e.LastError()};
+              }},
     MemberRow{M("EncoderState", 3, PropertyGet, Long, "sceEncoderState", kNoParams,
                 "1 closed, 2 open without a card, 3 ready"),
               [](Encoder& e, std::vector<Variant>&) { return Ret(e.EncoderState()); }},
@@ -194,38 +208,45 @@ const std::array kRows{
               ReadBlockLike<&Encoder::WriteDataBloc>},
     MemberRow{M("WriteValueBloc", 33, Method, Long, "sceReturnCode", kValueBlock, "Same as MifareWriteValueBloc"),
               ValueBlockLike<&Encoder::WriteValueBloc>},
-    MemberRow{M("WriteBytesInBloc", 34, Method, Long, "sceReturnCode", kBytesInBlock,
-                "Same as MifareWriteBytesInBloc"),
+    MemberRow{M("WriteBytesInBloc", 34, Method, Long, "sceReturnCode", kBytesInBlock, "Same as MifareWriteBytesInBloc"),
               BytesInBlockLike<&Encoder::WriteBytesInBloc>},
-    MemberRow{M("WriteSectorTrailer", 36, Method, Long, "sceReturnCode", kWriteTrailer,
-                "Same as MifareWriteSectorTrailer"),
-              WriteTrailerLike<&Encoder::WriteSectorTrailer>},
-    MemberRow{M("ReadSectorTrailer", 37, Method, Long, "sceReturnCode", kReadTrailer,
-                "Same as MifareReadSectorTrailer"),
-              ReadTrailerLike<&Encoder::ReadSectorTrailer>},
+    MemberRow{
+        M("WriteSectorTrailer", 36, Method, Long, "sceReturnCode", kWriteTrailer, "Same as MifareWriteSectorTrailer"),
+        WriteTrailerLike<&Encoder::WriteSectorTrailer>},
+    MemberRow{
+        M("ReadSectorTrailer", 37, Method, Long, "sceReturnCode", kReadTrailer, "Same as MifareReadSectorTrailer"),
+        ReadTrailerLike<&Encoder::ReadSectorTrailer>},
     // ---- the error record ----------------------------------------------------------------------
     MemberRow{{kErr, "Number", 1, PropertyGet, Long, "Long", kNoParams, "Error number (0 = none)"},
-              nullptr, ErrorGet<&CError::Number>},
+              nullptr,
+              ErrorGet<&CError::Number>},
     MemberRow{{kErr, "Number", 1, PropertyPut, Void, "", kLong, ""}, nullptr, ErrorPut<&CError::Number>},
     MemberRow{{kErr, "Description", 2, PropertyGet, String, "String", kNoParams, "Text of the error"},
-              nullptr, ErrorGet<&CError::Description>},
+              nullptr,
+              ErrorGet<&CError::Description>},
     MemberRow{{kErr, "Description", 2, PropertyPut, Void, "", kText, ""}, nullptr, ErrorPut<&CError::Description>},
     MemberRow{{kErr, "LastDllError", 3, PropertyGet, Long, "Long", kNoParams, "PC/SC code of the failed call"},
-              nullptr, ErrorGet<&CError::LastDllError>},
+              nullptr,
+              ErrorGet<&CError::LastDllError>},
     MemberRow{{kErr, "LastDllError", 3, PropertyPut, Void, "", kLong, ""}, nullptr, ErrorPut<&CError::LastDllError>},
     MemberRow{{kErr, "ComFunction", 4, PropertyGet, String, "String", kNoParams, "Operation that failed"},
-              nullptr, ErrorGet<&CError::ComFunction>},
+              nullptr,
+              ErrorGet<&CError::ComFunction>},
     MemberRow{{kErr, "ComFunction", 4, PropertyPut, Void, "", kText, ""}, nullptr, ErrorPut<&CError::ComFunction>},
     MemberRow{{kErr, "RdrCommand", 5, PropertyGet, String, "String", kNoParams, "Reader function or command"},
-              nullptr, ErrorGet<&CError::RdrCommand>},
+              nullptr,
+              ErrorGet<&CError::RdrCommand>},
     MemberRow{{kErr, "RdrCommand", 5, PropertyPut, Void, "", kText, ""}, nullptr, ErrorPut<&CError::RdrCommand>},
     MemberRow{{kErr, "RdrRetCode", 6, PropertyGet, String, "String", kNoParams, "PC/SC text or status word"},
-              nullptr, ErrorGet<&CError::RdrRetCode>},
+              nullptr,
+              ErrorGet<&CError::RdrRetCode>},
     MemberRow{{kErr, "RdrRetCode", 6, PropertyPut, Void, "", kText, ""}, nullptr, ErrorPut<&CError::RdrRetCode>},
 };
 
 }  // namespace
 
-std::span<const MemberRow> MemberRows() { return kRows; }
+std::span<const MemberRow> MemberRows() {
+    return kRows;
+}
 
 }  // namespace elatectwn4::com

@@ -39,11 +39,14 @@ constexpr std::array kCommands{
                "GeneralAuthenticate",
                "FF 86 00 00 05 01 [BLOC_NUMBER] [KEY_TYPE] [KEY_NUMBER]",
                {{{"[BLOC_NUMBER]", 0, F::Block}, {"[KEY_TYPE]", 1, F::KeyType}, {"[KEY_NUMBER]", 2, F::HexByte}}}},
-    CommandRow{cmd::ReadBinary, "ReadBinary", "FF B0 [BLOC_NUMBER] 00", {{{"[BLOC_NUMBER]", 0, F::Block}}}},
+    // Both carry keys when the block is a sector trailer; FillCommand lifts
+    // the masking again for every other block.
+    CommandRow{cmd::ReadBinary, "ReadBinary", "FF B0 [BLOC_NUMBER] 00", {{{"[BLOC_NUMBER]", 0, F::Block}}}, {}, true},
     CommandRow{cmd::WriteBinary,
                "WriteBinary",
                "FF D6 [BLOC_NUMBER] 10 [DATA]",
-               {{{"[BLOC_NUMBER]", 0, F::Block}, {"[DATA]", 1, F::Text}}}},
+               {{{"[BLOC_NUMBER]", 0, F::Block}, {"[DATA]", 1, F::Text}}},
+               "[DATA]"},
     CommandRow{cmd::SelectApplication, "SelectApplication", "5A [APPID]", {{{"[APPID]", 0, F::Text}}}},
     // The one-step authentication never worked through this reader; its
     // template is empty and the three-step one (0x403, 0x404) is used.
@@ -389,7 +392,33 @@ std::optional<std::int64_t> NumberOf(const Param& param) {
     return negative ? -value : value;
 }
 
+namespace {
+
+// The last block of a MIFARE Classic sector: every fourth block in the
+// 4-block sectors (blocks 0..127), every sixteenth in the large ones of a 4K card.
+bool IsSectorTrailer(const Params& params) {
+    if (params.empty()) return false;
+    const auto block = NumberOf(params.front());
+    if (!block || *block < 0) return false;
+    return *block < 128 ? *block % 4 == 3 : *block % 16 == 15;
+}
+
+std::uint32_t FillRow(std::uint32_t code, const Params& params, FilledCommand& out);
+
+}  // namespace
+
 std::uint32_t FillCommand(std::uint32_t code, const Params& params, FilledCommand& out) {
+    const std::uint32_t result = FillRow(code, params, out);
+    if ((code == cmd::ReadBinary || code == cmd::WriteBinary) && !IsSectorTrailer(params)) {
+        out.secretDigit.reset();
+        out.secretAnswer = false;
+    }
+    return result;
+}
+
+namespace {
+
+std::uint32_t FillRow(std::uint32_t code, const Params& params, FilledCommand& out) {
     out.text.clear();
     out.fixedName = {};
     out.givenName.clear();
@@ -437,5 +466,7 @@ std::uint32_t FillCommand(std::uint32_t code, const Params& params, FilledComman
     }
     return pcsc_code::Success;
 }
+
+}  // namespace
 
 }  // namespace elatectwn4::command

@@ -2,6 +2,7 @@
 
 #include <limits>
 
+#include "cipher/wipe.h"
 #include "command/error_record.h"
 #include "command/hex.h"
 
@@ -25,20 +26,6 @@ int HexDigitValue(char c) noexcept {
 }
 
 }  // namespace
-
-void Wipe(std::span<std::uint8_t> bytes) noexcept {
-    // Volatile stores so that the compiler cannot drop them as dead.
-    volatile std::uint8_t* p = bytes.data();
-    for (std::size_t i = 0; i < bytes.size(); ++i)
-        p[i] = 0;
-}
-
-void Wipe(std::string& text) noexcept {
-    volatile char* p = text.data();
-    for (std::size_t i = 0; i < text.size(); ++i)
-        p[i] = 0;
-    text.clear();
-}
 
 std::string ToHex(std::span<const std::uint8_t> bytes) {
     std::string out;
@@ -89,8 +76,8 @@ Block SectorTrailer::ToBlock() const noexcept {
 }
 
 void SectorTrailer::Wipe() noexcept {
-    mifare::Wipe(keyA);
-    mifare::Wipe(keyB);
+    cipher::SecureWipeObject(keyA);
+    cipher::SecureWipeObject(keyB);
 }
 
 std::int32_t CheckedLong(std::int64_t value) {

@@ -16,19 +16,12 @@ namespace elatectwn4::mifare {
 inline constexpr std::size_t BlockSize = 16;
 inline constexpr std::size_t KeySize = 6;
 inline constexpr std::size_t BlockHexDigits = 2 * BlockSize;
-inline constexpr std::size_t KeyHexDigits = 2 * KeySize;
 
 using Block = std::array<std::uint8_t, BlockSize>;
 using MifareKey = std::array<std::uint8_t, KeySize>;
 
 /// Reader slot every key is loaded into before an authentication.
 inline constexpr std::int32_t ReaderKeySlot = 1;
-/// The KeyType value that selects key B; every other value means key A.
-inline constexpr std::uint8_t KeyTypeB = 2;
-
-/// Overwrites key material so that it does not outlive its use in memory.
-void Wipe(std::span<std::uint8_t> bytes) noexcept;
-void Wipe(std::string& text) noexcept;
 
 /// Exactly 2 * N hex digits (blanks allowed, either case) as N bytes.
 template <std::size_t N>

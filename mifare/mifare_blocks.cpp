@@ -3,6 +3,7 @@
 #include <string>
 #include <variant>
 
+#include "cipher/wipe.h"
 #include "command/encoder_command.h"
 #include "command/error_record.h"
 #include "command/hex.h"
@@ -51,7 +52,7 @@ sceReturnCode MifareAuthenticate(Context& ctx, std::uint8_t keyType, std::int32_
     std::string sw1sw2;
     command::Params loadKey{std::int64_t{keyType}, std::int64_t{keySlot}, key};
     const sceReturnCode loaded = command::EncoderCommand(ctx.channel, LoadKey, loadKey, response, sw1sw2, false);
-    Wipe(std::get<std::string>(loadKey[2]));
+    cipher::SecureWipe(std::get<std::string>(loadKey[2]));
     if (loaded != sceSuccess) {
         NameFailure(ctx, "MifareAuthenticate:LoadKey");
         return sceError;

@@ -3,6 +3,7 @@
 #include <array>
 #include <string>
 
+#include "cipher/wipe.h"
 #include "command/error_record.h"
 #include "mifare/access_bits.h"
 #include "mifare/block.h"
@@ -76,7 +77,8 @@ sceReturnCode MifareWriteSectorTrailer(Context& ctx, std::int32_t SectorNumber, 
 
     std::int32_t trailerBlock = 0;
     try {
-        trailerBlock = CheckedLong(std::int64_t{CheckedLong(std::int64_t{4} * SectorNumber)} + 3);
+        const std::int32_t firstBlock = CheckedLong(std::int64_t{4} * SectorNumber);
+        trailerBlock = CheckedLong(std::int64_t{firstBlock} + 3);
     } catch (...) {
         command::RecordRuntimeError(Record(ctx), kName);
         return sceError;
@@ -85,6 +87,8 @@ sceReturnCode MifareWriteSectorTrailer(Context& ctx, std::int32_t SectorNumber, 
     // The current trailer gives the access bits of the blocks the host keeps
     // (-1), the key scheme when KeysToUse is 0, and BX when none is given.
     std::string current;
+    // A trailer read back can hold key B in clear.
+    const cipher::WipeOnExit currentWiped(current);
     if (MifareReadDataBloc(ctx, trailerBlock, Key, KeyType, current) != sceSuccess) {
         NameFailure(ctx, kName);
         return sceError;
@@ -118,9 +122,9 @@ sceReturnCode MifareWriteSectorTrailer(Context& ctx, std::int32_t SectorNumber, 
 
     Block block = trailer.ToBlock();
     std::string text = ToHex(block);
-    Wipe(block);
+    cipher::SecureWipeObject(block);
     const sceReturnCode written = MifareWriteDataBloc(ctx, trailerBlock, Key, KeyType, text);
-    Wipe(text);
+    cipher::SecureWipe(text);
     if (written != sceSuccess) {
         NameFailure(ctx, kName);
         return sceError;
@@ -142,8 +146,11 @@ sceReturnCode MifareReadSectorTrailer(Context& ctx, std::int32_t SectorNumber, c
 
     std::int32_t trailerBlock = 0;
     try {
-        trailerBlock =
-            CheckedLong(std::int64_t{CheckedLong(std::int64_t{CheckedLong(std::int64_t{SectorNumber} + 1)} * 4)} - 1);
+        // The same block as on a write, but counted from the next sector: it
+        // overflows the 32-bit range one sector earlier.
+        const std::int32_t nextSector = CheckedLong(std::int64_t{SectorNumber} + 1);
+        const std::int32_t nextFirstBlock = CheckedLong(std::int64_t{nextSector} * 4);
+        trailerBlock = CheckedLong(std::int64_t{nextFirstBlock} - 1);
     } catch (...) {
         command::RecordRuntimeError(Record(ctx), kName);
         return sceError;
@@ -158,6 +165,7 @@ sceReturnCode MifareReadSectorTrailer(Context& ctx, std::int32_t SectorNumber, c
         return sceError;
     }
     std::string text;
+    const cipher::WipeOnExit textWiped(text);
     if (MifareReadDataBloc(ctx, trailerBlock, Key, KeyType, text) != sceSuccess) {
         NameFailure(ctx, kName);
         return sceError;
@@ -171,7 +179,6 @@ sceReturnCode MifareReadSectorTrailer(Context& ctx, std::int32_t SectorNumber, c
     const TrailerSecurity own = TrailerSecurityOf(ConditionOfBlock(access, 3));
     KeysUsed = own.keysUsed;
     Conditions = own.conditions;
-    Wipe(text);
     command::ClearError(Record(ctx), kName);
     return sceSuccess;
 }

@@ -87,14 +87,25 @@ struct TableMatch {
     bool recorded = false;                          ///< some value's first field is this very ATR
 };
 
+// Blanks between the ATR's bytes are separators, not content: card-type files
+// kept for other systems write fragments both as "3B 81 80" and as "3B8180".
+std::string WithoutBlanks(std::string_view s) {
+    std::string out;
+    for (char c : s) {
+        if (c != ' ') out.push_back(c);
+    }
+    return out;
+}
+
 TableMatch MatchTable(const std::string& atr, const std::vector<NamedText>& values) {
     TableMatch match;
+    const std::string compactAtr = WithoutBlanks(atr);
     for (const auto& value : values) {
         auto fields = SplitFields(value.text);
         // Recorded ATRs ("Unknown (...)" values) have one field, the ATR itself.
         if (!fields.empty() && Upper(fields[0]) == atr) match.recorded = true;
         if (fields.size() == kEntryFieldCount && !fields[1].empty() &&
-            atr.find(Upper(fields[1])) != std::string::npos) {
+            compactAtr.find(WithoutBlanks(Upper(fields[1]))) != std::string::npos) {
             match.entry = std::move(fields);
             break;
         }

@@ -23,8 +23,8 @@ struct CardIdentity {
 /// Matches `atr` (trimmed of blanks, upper-cased) against the registered card
 /// types: the first value, in file order, made of three ";"-separated fields
 /// whose second field the ATR contains gives the card type and serial length
-/// (both in hex). The search is a plain substring search, so "3B8180" does not
-/// match "3B 81 80". When nothing matches, "Add new cards" is non-zero and no
+/// (both in hex). Blanks are ignored on both sides, so "3B8180" and
+/// "3B 81 80" both match "3B 81 80 01 80 80". When nothing matches, "Add new cards" is non-zero and no
 /// value's first field is the ATR already, the ATR is recorded as
 /// "Unknown (yyyy-mm-dd hh:mm:ss)"; that check is repeated under the store's
 /// lock, so processes seeing the same new card at once record it once.

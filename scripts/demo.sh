@@ -11,8 +11,12 @@ cmake -S . -B build-release -DCMAKE_BUILD_TYPE=Release -DELATECTWN4_BUILD_TESTS=
 cmake --build build-release --target twn4 -j"$(nproc)"
 
 twn4=build-release/cli/twn4
-state=$(mktemp -d)/card.json
-trap 'rm -rf "$(dirname "$state")"' EXIT
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+state=$work/card.json
+# The card-type table that maps ATRs to card types, as an administrator keeps it.
+cp -r examples/registry "$work/registry"
+export ELATECTWN4_REGISTRY_DIR=$work/registry
 
 echo
 echo "Component: $("$twn4" --simulate mifare1k GetInformation --json | sed -n 's/.*"value":"\([^"]*\)".*/\1/p')"

@@ -167,9 +167,9 @@ private:
     std::optional<Session> session_;
 };
 
-/// The ATR a PC/SC reader builds for a storage card (PC/SC part 3): the
+/// The ATR a PC/SC reader builds for a contactless storage card: the
 /// registered application identifier of PC/SC, standard 03 (ISO/IEC 14443 A
-/// part 3), the two-byte card name and the check byte.
+/// up to layer 3), the two-byte card name and the check byte.
 std::vector<std::uint8_t> StorageCardAtr(std::uint16_t cardName);
 
 }  // namespace elatectwn4::sim

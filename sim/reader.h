@@ -3,7 +3,7 @@
 // and write) and hands DESFire frames, native or ISO-wrapped (CLA 90), to the
 // card in its field.
 //
-// Commands of class FF and their answers (status words after PC/SC part 3):
+// Commands of class FF and their answers (the PC/SC storage-card status words):
 //   FF CA 00 00 Le        GET DATA: the UID; Le 00 = all of it, a shorter Le
 //                         gives 6Cxx (xx = the UID length), a longer one the
 //                         UID with 6282. FF CA 01 00 (historical bytes): 6A81.

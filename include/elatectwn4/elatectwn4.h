@@ -71,22 +71,22 @@ typedef struct elatectwn4_value {
     elatectwn4_type type;
     int32_t number;
     double real;
-    char *text;
+    char* text;
     size_t length;
 } elatectwn4_value;
 
 /* A copy of the encoder's error record (LastError). */
 typedef struct elatectwn4_error {
     int32_t number; /* 0 = no error; the component's own numbers are negative (0x9001xxyy) */
-    char *description;
+    char* description;
     int32_t last_dll_error;
-    char *com_function;
-    char *rdr_command;
-    char *rdr_ret_code;
+    char* com_function;
+    char* rdr_command;
+    char* rdr_ret_code;
 } elatectwn4_error;
 
 /* An encoder over the system's PC/SC. NULL only when memory runs out. */
-ELATECTWN4_C_API elatectwn4_encoder *elatectwn4_create(void);
+ELATECTWN4_C_API elatectwn4_encoder* elatectwn4_create(void);
 
 /* An encoder over the built-in simulator: one reader "Virtual PCD 00 00"
  * holding a card of `kind` ("mifare1k", "mifare4k", "desfire"). With a
@@ -95,11 +95,11 @@ ELATECTWN4_C_API elatectwn4_encoder *elatectwn4_create(void);
  * simulator lives in libelatectwn4-sim: link -lelatectwn4-sim as well.
  * Returns NULL on an unknown kind or an unreadable state file; *message (if
  * message is not NULL) then receives why, to be freed with elatectwn4_free. */
-ELATECTWN4_C_API elatectwn4_encoder *elatectwn4_create_simulated(const char *kind, const char *state_file,
-                                                                 char **message);
+ELATECTWN4_C_API elatectwn4_encoder* elatectwn4_create_simulated(const char* kind, const char* state_file,
+                                                                 char** message);
 
 /* Closes the session and frees the encoder. NULL is accepted. */
-ELATECTWN4_C_API void elatectwn4_destroy(elatectwn4_encoder *encoder);
+ELATECTWN4_C_API void elatectwn4_destroy(elatectwn4_encoder* encoder);
 
 /* Calls any member by name (case-insensitive): the late-bound interface.
  * args[0..count-1] are in the member's order; trailing optional ones may be
@@ -112,39 +112,38 @@ ELATECTWN4_C_API void elatectwn4_destroy(elatectwn4_encoder *encoder);
  * or why the call could not be made (nothing was sent to the card); then
  * *message (if not NULL) receives the reason, to be freed with
  * elatectwn4_free. */
-ELATECTWN4_C_API int elatectwn4_call(elatectwn4_encoder *encoder, const char *member, int kind,
-                                     elatectwn4_value *args, size_t count, elatectwn4_value *result,
-                                     char **message);
+ELATECTWN4_C_API int elatectwn4_call(elatectwn4_encoder* encoder, const char* member, int kind, elatectwn4_value* args,
+                                     size_t count, elatectwn4_value* result, char** message);
 
 /* Number of members, and the signature of member `index` ("ReadDataBloc(BlocNumber As Long, ...) As
  * sceReturnCode"), or NULL past the end. */
 ELATECTWN4_C_API size_t elatectwn4_member_count(void);
-ELATECTWN4_C_API char *elatectwn4_member_signature(size_t index);
+ELATECTWN4_C_API char* elatectwn4_member_signature(size_t index);
 
 /* Copies the error record into *error (free with elatectwn4_error_clear).
  * Returns the error number, 0 when there is no error. */
-ELATECTWN4_C_API int32_t elatectwn4_last_error(elatectwn4_encoder *encoder, elatectwn4_error *error);
+ELATECTWN4_C_API int32_t elatectwn4_last_error(elatectwn4_encoder* encoder, elatectwn4_error* error);
 
 /* The members a C host calls most. Each returns an sceReturnCode unless said
  * otherwise; out texts are allocated by the library (elatectwn4_free). */
-ELATECTWN4_C_API void elatectwn4_set_reader(elatectwn4_encoder *encoder, const char *reader_name);
-ELATECTWN4_C_API int32_t elatectwn4_open(elatectwn4_encoder *encoder);
-ELATECTWN4_C_API int32_t elatectwn4_close(elatectwn4_encoder *encoder);
-ELATECTWN4_C_API int32_t elatectwn4_state(elatectwn4_encoder *encoder); /* sceEncoderState */
-ELATECTWN4_C_API int32_t elatectwn4_read_serial_number(elatectwn4_encoder *encoder, char **serial_number);
-ELATECTWN4_C_API char *elatectwn4_atr(elatectwn4_encoder *encoder);
-ELATECTWN4_C_API int32_t elatectwn4_card_type(elatectwn4_encoder *encoder); /* sceCardTypes */
-ELATECTWN4_C_API int32_t elatectwn4_read_block(elatectwn4_encoder *encoder, int32_t block, const char *key,
-                                               uint8_t key_type, char **contents);
-ELATECTWN4_C_API int32_t elatectwn4_write_block(elatectwn4_encoder *encoder, int32_t block, const char *key,
-                                                uint8_t key_type, const char *contents);
-ELATECTWN4_C_API char *elatectwn4_response_text(elatectwn4_encoder *encoder, const char *sw1sw2,
-                                                const char *encoder_command);
+ELATECTWN4_C_API void elatectwn4_set_reader(elatectwn4_encoder* encoder, const char* reader_name);
+ELATECTWN4_C_API int32_t elatectwn4_open(elatectwn4_encoder* encoder);
+ELATECTWN4_C_API int32_t elatectwn4_close(elatectwn4_encoder* encoder);
+ELATECTWN4_C_API int32_t elatectwn4_state(elatectwn4_encoder* encoder); /* sceEncoderState */
+ELATECTWN4_C_API int32_t elatectwn4_read_serial_number(elatectwn4_encoder* encoder, char** serial_number);
+ELATECTWN4_C_API char* elatectwn4_atr(elatectwn4_encoder* encoder);
+ELATECTWN4_C_API int32_t elatectwn4_card_type(elatectwn4_encoder* encoder); /* sceCardTypes */
+ELATECTWN4_C_API int32_t elatectwn4_read_block(elatectwn4_encoder* encoder, int32_t block, const char* key,
+                                               uint8_t key_type, char** contents);
+ELATECTWN4_C_API int32_t elatectwn4_write_block(elatectwn4_encoder* encoder, int32_t block, const char* key,
+                                                uint8_t key_type, const char* contents);
+ELATECTWN4_C_API char* elatectwn4_response_text(elatectwn4_encoder* encoder, const char* sw1sw2,
+                                                const char* encoder_command);
 
 /* Releasing what the library allocated. NULL is accepted by all three. */
-ELATECTWN4_C_API void elatectwn4_free(void *text);
-ELATECTWN4_C_API void elatectwn4_value_clear(elatectwn4_value *value);
-ELATECTWN4_C_API void elatectwn4_error_clear(elatectwn4_error *error);
+ELATECTWN4_C_API void elatectwn4_free(void* text);
+ELATECTWN4_C_API void elatectwn4_value_clear(elatectwn4_value* value);
+ELATECTWN4_C_API void elatectwn4_error_clear(elatectwn4_error* error);
 
 #ifdef __cplusplus
 }

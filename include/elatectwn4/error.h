@@ -17,12 +17,12 @@ namespace elatectwn4 {
 /// numbers (0x9001xxyy) therefore appear negative, as hosts expect.
 class ELATECTWN4_API CError {
 public:
-    std::int32_t Number = 0;       ///< 0 = no error; see ErrorNumber
-    std::string Description;       ///< English text that goes with Number
-    std::int32_t LastDllError = 0; ///< PC/SC return code of the failed call, else 0
-    std::string ComFunction;       ///< the public operation (or private step) concerned
-    std::string RdrCommand;        ///< e.g. "SCardConnect" or "SCardTransmit:ReadBinary"
-    std::string RdrRetCode;        ///< PC/SC error text or the card's status word ("6982", "91AE")
+    std::int32_t Number = 0;        ///< 0 = no error; see ErrorNumber
+    std::string Description;        ///< English text that goes with Number
+    std::int32_t LastDllError = 0;  ///< PC/SC return code of the failed call, else 0
+    std::string ComFunction;        ///< the public operation (or private step) concerned
+    std::string RdrCommand;         ///< e.g. "SCardConnect" or "SCardTransmit:ReadBinary"
+    std::string RdrRetCode;         ///< PC/SC error text or the card's status word ("6982", "91AE")
 };
 
 /// The component's own error numbers. Use ErrorDescription() for the text.

@@ -11,10 +11,12 @@
 namespace elatectwn4 {
 
 /// Empty (std::monostate) means "not given".
-using Variant = std::variant<std::monostate, bool, std::uint8_t, std::int32_t, double, std::string,
-                             std::vector<std::uint8_t>>;
+using Variant =
+    std::variant<std::monostate, bool, std::uint8_t, std::int32_t, double, std::string, std::vector<std::uint8_t>>;
 
 /// True when the variant holds nothing.
-inline bool IsEmpty(const Variant& v) noexcept { return std::holds_alternative<std::monostate>(v); }
+inline bool IsEmpty(const Variant& v) noexcept {
+    return std::holds_alternative<std::monostate>(v);
+}
 
 }  // namespace elatectwn4

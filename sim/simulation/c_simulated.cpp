@@ -6,7 +6,7 @@
 #include "sim/simulation/simulation.h"
 
 extern "C" ELATECTWN4_C_API elatectwn4_encoder* elatectwn4_create_simulated(const char* kind, const char* state_file,
-                                                                             char** message) {
+                                                                            char** message) {
     if (message != nullptr) *message = nullptr;
     try {
         auto simulation = std::make_shared<elatectwn4::sim::Simulation>(kind ? kind : "", state_file ? state_file : "");

@@ -35,7 +35,9 @@ Simulation::Simulation(const std::string& kind, std::string stateFile) : impl_(s
 
 Simulation::~Simulation() = default;
 
-std::shared_ptr<PcscApi> Simulation::pcsc() const { return impl_->pcsc; }
+std::shared_ptr<PcscApi> Simulation::pcsc() const {
+    return impl_->pcsc;
+}
 
 void Simulation::Save() const {
     if (impl_->stateFile.empty()) return;

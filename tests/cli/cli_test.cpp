@@ -48,7 +48,8 @@ Outcome Twn4(const std::string& arguments, const std::string& input = {}) {
     if (pipe == nullptr) return o;
     std::array<char, 4096> buffer;
     std::size_t n;
-    while ((n = fread(buffer.data(), 1, buffer.size(), pipe)) > 0) o.out.append(buffer.data(), n);
+    while ((n = fread(buffer.data(), 1, buffer.size(), pipe)) > 0)
+        o.out.append(buffer.data(), n);
     const int raw = pclose(pipe);
     o.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
     std::ifstream err(errFile);
@@ -75,8 +76,9 @@ TEST(Twn4, ReadsTheIdentityOfASimulatedCard) {
 }
 
 TEST(Twn4, JsonGivesOneObjectPerCallWithOutValuesAndTheErrorRecord) {
-    const auto o = Twn4("--json --simulate mifare1k WriteDataBloc 4 FFFFFFFFFFFF 0 00112233445566778899aabbccddeeff"
-                        " -- ReadDataBloc 4 FFFFFFFFFFFF 0 -- ReadDataBloc 4 A0A1A2A3A4A5 0");
+    const auto o = Twn4(
+        "--json --simulate mifare1k WriteDataBloc 4 FFFFFFFFFFFF 0 00112233445566778899aabbccddeeff"
+        " -- ReadDataBloc 4 FFFFFFFFFFFF 0 -- ReadDataBloc 4 A0A1A2A3A4A5 0");
     EXPECT_EQ(o.status, 1) << o.out << o.err;
     const auto lines = JsonLines(o.out);
     ASSERT_EQ(lines.size(), 3u) << o.out;

@@ -1,7 +1,7 @@
 // Turning words and script lines into calls.
-#include <gtest/gtest.h>
-
 #include "cli/script.h"
+
+#include <gtest/gtest.h>
 
 namespace elatectwn4::cli {
 namespace {
@@ -14,7 +14,8 @@ TEST(SplitLine, HonoursBothQuotesAndEscapes) {
         {"  \t ", {}},
         {"M pre\"fix\"post", {"M", "prefixpost"}},
     };
-    for (const auto& [line, words] : cases) EXPECT_EQ(SplitLine(line), words) << line;
+    for (const auto& [line, words] : cases)
+        EXPECT_EQ(SplitLine(line), words) << line;
     EXPECT_THROW(SplitLine("M \"open"), UsageError);
     EXPECT_THROW(SplitLine("M 'open"), UsageError);
 }
@@ -22,15 +23,15 @@ TEST(SplitLine, HonoursBothQuotesAndEscapes) {
 TEST(MakeCall, CompletesTrailingInOutArgumentsWithTheirTypesDefaults) {
     const auto call = MakeCall({"ReadSectorTrailer", "1", "FFFFFFFFFFFF", "0"}, "call 1");
     ASSERT_EQ(call.args.size(), 9u);
-    EXPECT_EQ(call.args[3], Variant{std::uint8_t{0}});   // KeysUsed
-    EXPECT_EQ(call.args[4], Variant{std::int32_t{0}});   // Security0
-    EXPECT_EQ(call.args[8], Variant{std::uint8_t{0}});   // BX
+    EXPECT_EQ(call.args[3], Variant{std::uint8_t{0}});  // KeysUsed
+    EXPECT_EQ(call.args[4], Variant{std::int32_t{0}});  // Security0
+    EXPECT_EQ(call.args[8], Variant{std::uint8_t{0}});  // BX
 }
 
 TEST(MakeCall, LeavesAnOmittedOptionalArgumentToTheDispatcher) {
-    const auto without = MakeCall({"WriteSectorTrailer", "1", "FFFFFFFFFFFF", "0", "FFFFFFFFFFFF", "FFFFFFFFFFFF", "0",
-                                   "-1", "-1", "-1", "-1"},
-                                  "call 1");
+    const auto without = MakeCall(
+        {"WriteSectorTrailer", "1", "FFFFFFFFFFFF", "0", "FFFFFFFFFFFF", "FFFFFFFFFFFF", "0", "-1", "-1", "-1", "-1"},
+        "call 1");
     EXPECT_EQ(without.args.size(), 10u);
     const auto with = MakeCall({"WriteSectorTrailer", "1", "FFFFFFFFFFFF", "0", "FFFFFFFFFFFF", "FFFFFFFFFFFF", "0",
                                 "-1", "-1", "-1", "-1", "0x69"},

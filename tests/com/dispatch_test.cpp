@@ -1,13 +1,14 @@
 // Late-bound calls: every member of the type library is reachable by name and
 // by id, in/out arguments come back, and calls that cannot be made are
 // refused before anything reaches the card.
+#include "elatectwn4/dispatch.h"
+
 #include <gtest/gtest.h>
 
 #include <map>
 #include <memory>
 #include <set>
 
-#include "elatectwn4/dispatch.h"
 #include "elatectwn4/encoder.h"
 #include "sim/reader.h"
 #include "sim/simulated_pcsc.h"
@@ -55,21 +56,31 @@ Variant SampleArgument(const ParamInfo& p) {
         return it->second;
     }
     switch (p.type) {
-        case ValueType::String: return std::string();
-        case ValueType::Long: return std::int32_t{0};
-        case ValueType::Byte: return std::uint8_t{0};
-        case ValueType::Boolean: return false;
-        default: return {};
+        case ValueType::String:
+            return std::string();
+        case ValueType::Long:
+            return std::int32_t{0};
+        case ValueType::Byte:
+            return std::uint8_t{0};
+        case ValueType::Boolean:
+            return false;
+        default:
+            return {};
     }
 }
 
 bool HoldsDeclaredType(const Variant& v, ValueType type) {
     switch (type) {
-        case ValueType::String: return std::holds_alternative<std::string>(v);
-        case ValueType::Long: return std::holds_alternative<std::int32_t>(v);
-        case ValueType::Byte: return std::holds_alternative<std::uint8_t>(v);
-        case ValueType::Boolean: return std::holds_alternative<bool>(v);
-        default: return true;
+        case ValueType::String:
+            return std::holds_alternative<std::string>(v);
+        case ValueType::Long:
+            return std::holds_alternative<std::int32_t>(v);
+        case ValueType::Byte:
+            return std::holds_alternative<std::uint8_t>(v);
+        case ValueType::Boolean:
+            return std::holds_alternative<bool>(v);
+        default:
+            return true;
     }
 }
 
@@ -94,7 +105,9 @@ TEST(Dispatch, EveryEncoderMemberIsCallableByNameWithItsDeclaredTypes) {
         }
         ++called;
         // CloseEncoder leaves the reader closed: open it again for the next member.
-        if (sim.encoder.EncoderState() == sceClosed) ASSERT_EQ(sim.encoder.OpenEncoder(), sceSuccess);
+        if (sim.encoder.EncoderState() == sceClosed) {
+            ASSERT_EQ(sim.encoder.OpenEncoder(), sceSuccess);
+        }
     }
     EXPECT_GT(called, 25);
 }

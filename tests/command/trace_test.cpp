@@ -144,7 +144,44 @@ INSTANTIATE_TEST_SUITE_P(
                    {"Sending DesfireAuthenticate: AF******************************** "
                     "(175,*,*,*,*,*,*,*,*,*,*,*,*,*,*,*,*)",
                     "Received: 00**************** (0,*,*,*,*,*,*,*,*)"},
-                   {"1A2B", "5E6F", "92A3", "F809", "6B5A", "2716", "107,90", "26,43"}}));
+                   {"1A2B", "5E6F", "92A3", "F809", "6B5A", "2716", "107,90", "26,43"}},
+        // A sector trailer holds key A and key B, both ways.
+        SecretCase{cmd::WriteBinary,
+                   {7, std::string("A1B2C3D4E5F6FF078069B6C5D4E3F2A1")},
+                   "FF D6 00 07 10 A1 B2 C3 D4 E5 F6 FF 07 80 69 B6 C5 D4 E3 F2 A1",
+                   "90 00",
+                   false,
+                   {"Sending WriteBinary: FFD6000710******************************** "
+                    "(255,214,0,7,16,*,*,*,*,*,*,*,*,*,*,*,*,*,*,*,*)",
+                    "Received: 9000 (144,0)"},
+                   {"A1B2", "D4E5", "B6C5", "F2A1", "161,178"}},
+        SecretCase{cmd::ReadBinary,
+                   {255},
+                   "FF B0 00 FF 00",
+                   "00 00 00 00 00 00 FF 07 80 69 B6 C5 D4 E3 F2 A1 90 00",
+                   false,
+                   {"Sending ReadBinary: FFB000FF00 (255,176,0,255,0)",
+                    "Received: ********************************9000 (*,*,*,*,*,*,*,*,*,*,*,*,*,*,*,*,144,0)"},
+                   {"B6C5", "E3F2", "182,197"}},
+        // Any other block stays readable.
+        SecretCase{cmd::WriteBinary,
+                   {6, std::string("0102030405060708090A0B0C0D0E0F10")},
+                   "FF D6 00 06 10 01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F 10",
+                   "90 00",
+                   false,
+                   {"Sending WriteBinary: FFD60006100102030405060708090A0B0C0D0E0F10 "
+                    "(255,214,0,6,16,1,2,3,4,5,6,7,8,9,10,11,12,13,14,15,16)",
+                    "Received: 9000 (144,0)"},
+                   {}},
+        SecretCase{cmd::ReadBinary,
+                   {254},
+                   "FF B0 00 FE 00",
+                   "0102030405060708090A0B0C0D0E0F10 90 00",
+                   false,
+                   {"Sending ReadBinary: FFB000FE00 (255,176,0,254,0)",
+                    "Received: 0102030405060708090A0B0C0D0E0F109000 "
+                    "(1,2,3,4,5,6,7,8,9,10,11,12,13,14,15,16,144,0)"},
+                   {}}));
 
 TEST(Trace, MasksTheAnswersOfEveryFrameOfASecretExchange) {
     const std::size_t start = TraceSize();

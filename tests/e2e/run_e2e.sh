@@ -1,17 +1,24 @@
 #!/bin/sh
 # End-to-end run through a real pcscd:
-#   run_e2e.sh VCARD TEST_PROGRAM SCRIPTS_DIR WORK_DIR
+#   run_e2e.sh VCARD TEST_PROGRAM SCRIPTS_DIR WORK_DIR [TEST_PROGRAM...]
 # Brings pcscd up (pcscd-up.sh), serves a DESFire card on the first vpcd slot
-# and a MIFARE Classic 1K card on the second with twn4-vcard, runs the PC/SC
-# test program against them, stops the bridges and takes pcscd down again
-# (pcscd-down.sh stops it only if pcscd-up started it). Any failure to set
-# this up fails the run: it never skips.
+# and a MIFARE Classic 1K card on the second with twn4-vcard, runs the test
+# programs one after the other against them (all of them, even after a
+# failure), stops the bridges and takes pcscd down again (pcscd-down.sh stops
+# it only if pcscd-up started it). Any failure to set this up fails the run:
+# it never skips.
+#
+# Only one run at a time can own the vpcd slots, so a run waits for the
+# machine-wide lock ELATECTWN4_E2E_LOCK (default /tmp/elatectwn4-e2e.lock).
+# E2E_TWN4, when set, is handed on to the programs (the twn4 tool to test).
 set -u
 
+[ $# -ge 4 ] || { echo "usage: run_e2e.sh VCARD TEST_PROGRAM SCRIPTS_DIR WORK_DIR [TEST_PROGRAM...]" >&2; exit 2; }
 vcard=$1
 program=$2
 scripts=$3
 work=$4
+shift 4
 
 fail() {
     echo "E2E FAILED: $*" >&2
@@ -19,7 +26,17 @@ fail() {
 }
 
 [ -x "$vcard" ] || fail "no twn4-vcard at $vcard"
-[ -x "$program" ] || fail "no test program at $program"
+for p in "$program" "$@"; do
+    [ -x "$p" ] || fail "no test program at $p"
+done
+
+# Descriptor 8 holds the lock for the whole run; nothing started from here
+# may inherit it (see the 8>&- below), or a leftover process would keep it.
+lock=${ELATECTWN4_E2E_LOCK:-/tmp/elatectwn4-e2e.lock}
+exec 8>>"$lock" || fail "cannot open the lock file $lock"
+if command -v flock >/dev/null 2>&1; then
+    flock -w 300 8 || fail "another end-to-end run held $lock for 300 s"
+fi
 { rm -rf "$work" && mkdir -p "$work"; } || fail "cannot create $work"
 
 # pcscd-up and pcscd-down share their state file; keep it with this run.
@@ -43,12 +60,12 @@ cleanup() {
     stop_bridge "$mifare_pid" mifare
     desfire_pid=""
     mifare_pid=""
-    "$scripts/pcscd-down.sh"
+    "$scripts/pcscd-down.sh" 8>&-
 }
 trap cleanup EXIT
 trap 'exit 1' INT TERM HUP
 
-"$scripts/pcscd-up.sh" --vcard "$vcard" || fail "pcscd with the vpcd readers could not be brought up"
+"$scripts/pcscd-up.sh" --vcard "$vcard" 8>&- || fail "pcscd with the vpcd readers could not be brought up"
 
 # The slots' ports come from the vpcd configuration, 0x8C7B unless changed.
 port=35963
@@ -60,10 +77,10 @@ fi
 desfire_uid=04E1D2C3B4A580
 mifare_uid=5A6B7C8D
 "$vcard" --port "$port" --card desfire --uid "$desfire_uid" --state "$work/desfire.json" \
-    --control "$work/desfire.sock" >"$work/desfire.log" 2>&1 &
+    --control "$work/desfire.sock" >"$work/desfire.log" 2>&1 8>&- &
 desfire_pid=$!
 "$vcard" --port $((port + 1)) --card mifare1k --uid "$mifare_uid" --state "$work/mifare.json" \
-    --control "$work/mifare.sock" >"$work/mifare.log" 2>&1 &
+    --control "$work/mifare.sock" >"$work/mifare.log" 2>&1 8>&- &
 mifare_pid=$!
 
 # Both control sockets appear once the bridges run.
@@ -76,15 +93,18 @@ until [ -S "$work/desfire.sock" ] && [ -S "$work/mifare.sock" ]; do
     sleep 0.1
 done
 
-E2E_DESFIRE_READER="Virtual PCD 00 00" \
-E2E_MIFARE_READER="Virtual PCD 00 01" \
-E2E_DESFIRE_PID=$desfire_pid \
-E2E_DESFIRE_UID=$desfire_uid \
-E2E_MIFARE_UID=$mifare_uid \
-E2E_MIFARE_CONTROL="$work/mifare.sock" \
-E2E_MIFARE_STATE="$work/mifare.json" \
-    "$program"
-result=$?
+export E2E_DESFIRE_READER="Virtual PCD 00 00"
+export E2E_MIFARE_READER="Virtual PCD 00 01"
+export E2E_DESFIRE_PID=$desfire_pid
+export E2E_DESFIRE_UID=$desfire_uid
+export E2E_MIFARE_UID=$mifare_uid
+export E2E_MIFARE_CONTROL="$work/mifare.sock"
+export E2E_MIFARE_STATE="$work/mifare.json"
+result=0
+for p in "$program" "$@"; do
+    echo "E2E: running $p"
+    "$p" 8>&- || { echo "E2E: $p failed" >&2; result=1; }
+done
 
 # A clean stop saves the cards; a bridge that cannot is a failure too.
 stop_bridge "$desfire_pid" desfire || result=1

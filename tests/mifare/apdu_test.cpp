@@ -96,6 +96,14 @@ protected:
         for (const auto& s : steps)
             fake->Expect(s.apdu).Reply(s.answer);
     }
+    // A new reader playing `steps`, for one row of a table.
+    std::shared_ptr<test::ScriptedPcsc> Fresh(const std::vector<Step>& steps) {
+        auto next = std::make_shared<test::ScriptedPcsc>();
+        for (const auto& s : steps)
+            next->Expect(s.apdu).Reply(s.answer);
+        channel.pcsc = next.get();
+        return next;
+    }
 };
 
 // ---- Reading and writing blocks --------------------------------------------

@@ -6,7 +6,7 @@
 
 static int failures = 0;
 
-static void expect(int condition, const char *what) {
+static void expect(int condition, const char* what) {
     if (!condition) {
         fprintf(stderr, "c_host: %s\n", what);
         ++failures;
@@ -14,12 +14,12 @@ static void expect(int condition, const char *what) {
 }
 
 int main(void) {
-    char *message = NULL;
-    elatectwn4_encoder *enc;
-    char *uid = NULL;
-    char *block = NULL;
-    char *atr;
-    char *text;
+    char* message = NULL;
+    elatectwn4_encoder* enc;
+    char* uid = NULL;
+    char* block = NULL;
+    char* atr;
+    char* text;
     elatectwn4_error error;
     elatectwn4_value args[4];
     elatectwn4_value result;
@@ -45,9 +45,9 @@ int main(void) {
     expect(atr != NULL && strncmp(atr, "3B 8F 80 01", 11) == 0, "the MIFARE Classic 1K ATR");
     elatectwn4_free(atr);
 
-    expect(elatectwn4_write_block(enc, 4, "FFFFFFFFFFFF", 0, "00112233445566778899AABBCCDDEEFF") ==
-               ELATECTWN4_SCE_SUCCESS,
-           "write block 4");
+    expect(
+        elatectwn4_write_block(enc, 4, "FFFFFFFFFFFF", 0, "00112233445566778899AABBCCDDEEFF") == ELATECTWN4_SCE_SUCCESS,
+        "write block 4");
     expect(elatectwn4_read_block(enc, 4, "FFFFFFFFFFFF", 0, &block) == ELATECTWN4_SCE_SUCCESS, "read block 4");
     expect(block != NULL && strcmp(block, "00112233445566778899AABBCCDDEEFF") == 0, "block 4 reads back");
     elatectwn4_free(block);
@@ -57,12 +57,12 @@ int main(void) {
     args[0].type = ELATECTWN4_LONG;
     args[0].number = 4;
     args[1].type = ELATECTWN4_STRING;
-    args[1].text = (char *)"FFFFFFFFFFFF";
+    args[1].text = (char*)"FFFFFFFFFFFF";
     args[1].length = 12;
     args[2].type = ELATECTWN4_BYTE;
     args[2].number = 0;
     args[3].type = ELATECTWN4_STRING;
-    args[3].text = (char *)"";
+    args[3].text = (char*)"";
     rc = elatectwn4_call(enc, "readdatabloc", ELATECTWN4_METHOD, args, 4, &result, NULL);
     expect(rc == ELATECTWN4_CALL_OK, "late-bound ReadDataBloc");
     expect(result.type == ELATECTWN4_LONG && result.number == ELATECTWN4_SCE_SUCCESS, "its result");

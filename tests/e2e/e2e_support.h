@@ -1,0 +1,80 @@
+// Helpers of the end-to-end programs that run under run_e2e.sh: what the
+// script set up, the bridges' control sockets, waiting on pcscd for a card to
+// come or go, and running a tool with its output captured.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace elatectwn4::e2e {
+
+using Bytes = std::vector<std::uint8_t>;
+
+/// The variable's value, "" when unset.
+std::string Env(const char* name);
+
+/// Upper-case hex digits without separators.
+std::string Hex(const Bytes& bytes);
+/// Bytes of contiguous hex digits (an odd last digit is dropped).
+Bytes FromHex(const std::string& text);
+/// "3B 8F 80": upper-case hex bytes separated by single blanks.
+std::string SpacedHex(const Bytes& bytes);
+
+/// What run_e2e.sh tells the programs.
+struct E2eSetup {
+    std::string desfireReader = Env("E2E_DESFIRE_READER");
+    std::string mifareReader = Env("E2E_MIFARE_READER");
+    std::string desfireUid = Env("E2E_DESFIRE_UID");
+    std::string mifareUid = Env("E2E_MIFARE_UID");
+    std::string mifareControl = Env("E2E_MIFARE_CONTROL");
+    std::string mifareState = Env("E2E_MIFARE_STATE");
+    std::string twn4 = Env("E2E_TWN4");
+
+    bool Complete() const {
+        return !desfireReader.empty() && !mifareReader.empty() && !desfireUid.empty() && !mifareUid.empty() &&
+               !mifareControl.empty() && !mifareState.empty() && !twn4.empty();
+    }
+};
+
+/// One line to a bridge's control socket ("remove", "insert", "status") and
+/// its one-line answer; a text in angle brackets when the socket is not there.
+std::string Control(const std::string& socketPath, const std::string& command);
+
+/// Waits until pcscd reports a card in `reader` (present) or none (!present).
+bool WaitForCard(const std::string& reader, bool present,
+                 std::chrono::milliseconds patience = std::chrono::seconds(10));
+
+struct ToolRun {
+    int exitStatus = -1;  ///< -1 when the program could not be run or was killed
+    std::string output;   ///< everything it wrote to standard output
+};
+
+/// Runs `program` with `args` (no shell), with `environment` entries
+/// ("NAME=value") added to this process's, and waits for it.
+ToolRun RunTool(const std::string& program, const std::vector<std::string>& args,
+                const std::vector<std::string>& environment = {});
+
+/// The lines of a text, without their line ends; no empty last line.
+std::vector<std::string> Lines(const std::string& text);
+
+/// A fresh directory under the system's temporary directory, removed with
+/// everything in it when the object goes.
+class TempDir {
+public:
+    explicit TempDir(const std::string& prefix);
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::filesystem::path& path() const { return path_; }
+
+private:
+    std::filesystem::path path_;
+};
+
+/// The whole file as text ("" when it cannot be read).
+std::string ReadFile(const std::filesystem::path& path);
+
+}  // namespace elatectwn4::e2e
