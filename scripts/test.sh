@@ -13,9 +13,13 @@ scripts/build.sh build-asan -DCMAKE_BUILD_TYPE=Debug -DELATECTWN4_SANITIZE=ON -D
 
 export ASAN_OPTIONS=detect_leaks=0:abort_on_error=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+# ELATECTWN4_SKIP_E2E=1 leaves out the runs through pcscd (for a machine
+# where another run holds the vpcd ports).
+filter=()
+if [ "${ELATECTWN4_SKIP_E2E:-0}" = 1 ]; then filter=(-LE e2e); fi
 status=0
 echo "== Tests (plain build)"
-ctest --test-dir build --output-on-failure -j2 || status=1
+ctest --test-dir build --output-on-failure -j2 "${filter[@]}" || status=1
 echo "== Tests (AddressSanitizer + UndefinedBehaviorSanitizer)"
-ctest --test-dir build-asan --output-on-failure -j2 || status=1
+ctest --test-dir build-asan --output-on-failure -j2 "${filter[@]}" || status=1
 exit $status
