@@ -19,7 +19,7 @@ cp -r examples/registry "$work/registry"
 export ELATECTWN4_REGISTRY_DIR=$work/registry
 
 echo
-echo "Component: $("$twn4" --simulate mifare1k GetInformation --json | sed -n 's/.*"value":"\([^"]*\)".*/\1/p')"
+echo "Component: $("$twn4" --simulate mifare1k GetInformation | sed -n 's/^GetInformation = //p')"
 echo
 "$twn4" --simulate "mifare1k:$state" --script examples/personalise-mifare1k.twn4
 echo
