@@ -154,6 +154,10 @@ private:
     Reply ChangeValue(std::uint8_t command, ByteSpan args);
     Reply CommitTransaction(ByteSpan args);
     Reply AbortTransactionCommand(ByteSpan args);
+    /// The checks a data or record write starts with (header, file, kind,
+    /// write right); fills `write` and `file`, or gives the refusal.
+    std::optional<Reply> OpenWrite(ByteSpan args, bool (File::*isKind)() const noexcept, std::uint8_t command,
+                                   PendingWrite& write, const File*& file);
     Reply StartWrite(PendingWrite write, ByteSpan firstData);
     Reply FinishWrite(const PendingWrite& write);
     std::uint8_t CheckAccess(const File& file, std::initializer_list<std::uint8_t> rights, CommMode& mode) const;

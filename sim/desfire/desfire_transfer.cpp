@@ -135,23 +135,30 @@ DesfireCard::Reply DesfireCard::ReadData(ByteSpan args) {
     return StartAnswer(Protect(data, mode), kMaxFrameData);
 }
 
-DesfireCard::Reply DesfireCard::WriteData(ByteSpan args) {
-    if (args.size() < kTransferHeaderSize) return {status::LengthError, {}};
+std::optional<DesfireCard::Reply> DesfireCard::OpenWrite(ByteSpan args, bool (File::*isKind)() const noexcept,
+                                                         std::uint8_t command, PendingWrite& write, const File*& file) {
+    if (args.size() < kTransferHeaderSize) return Reply{status::LengthError, {}};
     Application* app = Selected();
-    if (!app) return {status::PermissionDenied, {}};
-    const File* file = app->FindFile(args[0]);
-    if (!file) return {status::FileNotFound, {}};
-    if (!file->IsData()) return {status::ParameterError, {}};
-    PendingWrite write;
+    if (!app) return Reply{status::PermissionDenied, {}};
+    file = app->FindFile(args[0]);
+    if (!file) return Reply{status::FileNotFound, {}};
+    if (!(file->*isKind)()) return Reply{status::ParameterError, {}};
     if (const std::uint8_t s = CheckAccess(*file, {file->rights.write, file->rights.readWrite}, write.mode);
         s != status::Ok) {
-        return {s, {}};
+        return Reply{s, {}};
     }
-    write.command = kWriteDataCommand;
+    write.command = command;
     write.fileNumber = args[0];
     write.offset = Le24(args.subspan(1));
     write.length = Le24(args.subspan(4));
-    if (write.length == 0) return {status::LengthError, {}};
+    if (write.length == 0) return Reply{status::LengthError, {}};
+    return std::nullopt;
+}
+
+DesfireCard::Reply DesfireCard::WriteData(ByteSpan args) {
+    PendingWrite write;
+    const File* file = nullptr;
+    if (auto refusal = OpenWrite(args, &File::IsData, kWriteDataCommand, write, file)) return *refusal;
     if (std::uint64_t{write.offset} + write.length > file->data.size()) return {status::BoundaryError, {}};
     write.expected = ProtectedSize(write.length, write.mode);
     return StartWrite(std::move(write), args.subspan(kTransferHeaderSize));
@@ -188,22 +195,9 @@ DesfireCard::Reply DesfireCard::ReadRecords(ByteSpan args) {
 }
 
 DesfireCard::Reply DesfireCard::WriteRecord(ByteSpan args) {
-    if (args.size() < kTransferHeaderSize) return {status::LengthError, {}};
-    Application* app = Selected();
-    if (!app) return {status::PermissionDenied, {}};
-    const File* file = app->FindFile(args[0]);
-    if (!file) return {status::FileNotFound, {}};
-    if (!file->IsRecord()) return {status::ParameterError, {}};
     PendingWrite write;
-    if (const std::uint8_t s = CheckAccess(*file, {file->rights.write, file->rights.readWrite}, write.mode);
-        s != status::Ok) {
-        return {s, {}};
-    }
-    write.command = kWriteRecordCommand;
-    write.fileNumber = args[0];
-    write.offset = Le24(args.subspan(1));
-    write.length = Le24(args.subspan(4));
-    if (write.length == 0) return {status::LengthError, {}};
+    const File* file = nullptr;
+    if (auto refusal = OpenWrite(args, &File::IsRecord, kWriteRecordCommand, write, file)) return *refusal;
     if (std::uint64_t{write.offset} + write.length > file->recordSize) return {status::BoundaryError, {}};
     // A file cleared in this transaction takes no new record before the commit.
     if (file->clearPending) return {status::PermissionDenied, {}};
