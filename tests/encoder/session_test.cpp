@@ -10,7 +10,7 @@
 
 #include "elatectwn4/encoder.h"
 #include "encoder_test_util.h"
-#include "registry_dir.h"
+#include "support/registry_dir.h"
 #include "support/scripted_pcsc.h"
 
 namespace elatectwn4::test {

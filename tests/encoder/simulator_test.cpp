@@ -11,7 +11,7 @@
 
 #include "elatectwn4/encoder.h"
 #include "encoder_test_util.h"
-#include "registry_dir.h"
+#include "support/registry_dir.h"
 #include "sim/reader.h"
 #include "sim/simulated_pcsc.h"
 #include "support/scripted_pcsc.h"

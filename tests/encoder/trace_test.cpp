@@ -13,7 +13,7 @@
 
 #include "elatectwn4/encoder.h"
 #include "encoder_test_util.h"
-#include "registry_dir.h"
+#include "support/registry_dir.h"
 #include "support/scripted_pcsc.h"
 
 namespace elatectwn4::test {

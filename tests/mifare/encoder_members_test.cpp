@@ -14,6 +14,7 @@
 #include "record_matchers.h"
 #include "sim/mifare_classic.h"
 #include "sim/simulated_pcsc.h"
+#include "support/registry_dir.h"
 
 namespace elatectwn4 {
 namespace {
@@ -28,25 +29,7 @@ const std::string kKeyB = "B0B1B2B3B4B5";
 
 // Opening an encoder looks the card up in the card-type registry; keep that
 // in a directory of the test's own.
-class PrivateRegistry {
-public:
-    PrivateRegistry() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "mifare-registry-XXXXXX").string();
-        if (::mkdtemp(pattern.data()) == nullptr) ADD_FAILURE() << "no temporary directory";
-        path_ = pattern;
-        ::setenv("ELATECTWN4_REGISTRY_DIR", path_.c_str(), 1);
-    }
-    ~PrivateRegistry() {
-        ::unsetenv("ELATECTWN4_REGISTRY_DIR");
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-    PrivateRegistry(const PrivateRegistry&) = delete;
-    PrivateRegistry& operator=(const PrivateRegistry&) = delete;
-
-private:
-    std::filesystem::path path_;
-};
+using PrivateRegistry = test::RegistryDir;
 
 class MifareThroughEncoder : public ::testing::Test {
 protected:

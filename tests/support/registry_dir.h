@@ -15,7 +15,7 @@ namespace elatectwn4::test {
 class RegistryDir {
 public:
     RegistryDir() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "encoder-registry-XXXXXX").string();
+        std::string pattern = (std::filesystem::temp_directory_path() / "elatectwn4-registry-XXXXXX").string();
         if (::mkdtemp(pattern.data()) == nullptr) ADD_FAILURE() << "cannot create a temporary registry directory";
         path_ = pattern;
         ::setenv("ELATECTWN4_REGISTRY_DIR", path_.c_str(), 1);
