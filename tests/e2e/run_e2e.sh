@@ -27,6 +27,7 @@ fail() {
 
 [ -x "$vcard" ] || fail "no twn4-vcard at $vcard"
 for p in "$program" "$@"; do
+    p=${p%%::*}
     [ -x "$p" ] || fail "no test program at $p"
 done
 
@@ -101,9 +102,13 @@ export E2E_MIFARE_UID=$mifare_uid
 export E2E_MIFARE_CONTROL="$work/mifare.sock"
 export E2E_MIFARE_STATE="$work/mifare.json"
 result=0
-for p in "$program" "$@"; do
-    echo "E2E: running $p"
-    "$p" 8>&- || { echo "E2E: $p failed" >&2; result=1; }
+# An entry PROGRAM::FILTER runs only the GoogleTest cases FILTER names.
+for entry in "$program" "$@"; do
+    p=${entry%%::*}
+    set --
+    [ "$p" = "$entry" ] || set -- "--gtest_filter=${entry#*::}"
+    echo "E2E: running $entry"
+    "$p" "$@" 8>&- || { echo "E2E: $entry failed" >&2; result=1; }
 done
 
 # A clean stop saves the cards; a bridge that cannot is a failure too.
