@@ -11,7 +11,7 @@ scripts/install-deps.sh
 scripts/build.sh build -DCMAKE_BUILD_TYPE=RelWithDebInfo
 scripts/build.sh build-asan -DCMAKE_BUILD_TYPE=Debug -DELATECTWN4_SANITIZE=ON -DELATECTWN4_BUILD_BENCH=OFF
 
-export ASAN_OPTIONS=detect_leaks=0:abort_on_error=1
+export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 # ELATECTWN4_SKIP_E2E=1 leaves out the runs through pcscd (for a machine
 # where another run holds the vpcd ports).
