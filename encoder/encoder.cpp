@@ -1,8 +1,8 @@
 // The Encoder's frame: creation and destruction, status properties,
 // parameters and information, the session and card-identity operations.
 //
-// Every public member catches whatever escapes from below and turns it into
-// the error record: the host sees a result code, never an exception.
+// Every public member runs its work through Impl::Guard: whatever escapes from
+// below ends in the error record, the host sees a result code, never an exception.
 #include <chrono>
 #include <random>
 #include <string>
@@ -41,14 +41,10 @@ std::uint32_t Seed() noexcept {
     return seed;
 }
 
-void NameOperation(CError& record, const std::string& name) noexcept {
-    command::ErrorUpdate update;
-    try {
-        update.comFunction = name;
-    } catch (...) {
-        return;
-    }
-    command::SetError(record, update);
+// After a command failure the record names the public member, not the
+// command routine.
+void NameOperation(CError& record, const std::string& name) {
+    command::SetError(record, {.comFunction = name});
 }
 
 }  // namespace
@@ -76,110 +72,84 @@ Encoder::~Encoder() {
 // ---- State and error reporting ----------------------------------------------
 
 CError& Encoder::LastError() {
-    return impl_->error;
+    return impl_->error;  // nothing to guard: the record itself, untouched
 }
 
 sceEncoderState Encoder::EncoderState() {
-    static const std::string kName = "EncoderState";
+    constexpr const char* kName = "EncoderState";
     Impl& s = *impl_;
-    sceEncoderState state = sceClosed;
-    try {
-        command::ClearError(s.error, kName);
-        if (s.channel.context != 0) {
-            // Only the definite "no card" answer makes it sceOpened: a reader
-            // that answers oddly is still taken as ready.
-            if (s.SelectCardInRange() == sceSuccess || s.error.Number != ErrorValue(ErrorNumber::NoCard)) {
-                state = sceReady;
-            } else {
-                state = sceOpened;
-            }
-        }
-    } catch (...) {
-        state = s.channel.context == 0 ? sceClosed : sceReady;
-    }
-    command::ClearError(s.error, kName);
-    return state;
+    const sceEncoderState state = s.Guard(kName, [&] {
+        if (s.channel.context == 0) return sceClosed;
+        // Only the definite "no card" answer makes it sceOpened: a reader
+        // that answers oddly is still taken as ready.
+        const bool noCard = s.SelectCardInRange() != sceSuccess && s.error.Number == ErrorValue(ErrorNumber::NoCard);
+        return noCard ? sceOpened : sceReady;
+    });
+    // Reading the state never leaves an error behind, whatever the probe met.
+    s.Guard(kName, [] {});
+    if (state != sceUnknown) return state;
+    return s.channel.context == 0 ? sceClosed : sceReady;  // the probe was cut short
 }
 
 std::string Encoder::ATRString() {
-    try {
-        return impl_->atrText;
-    } catch (...) {
-        return {};
-    }
+    return impl_->Guard(
+        "ATRString", [&] { return impl_->atrText; }, RecordRule::Untouched);
 }
 
 sceCardTypes Encoder::CardType() {
-    command::ClearError(impl_->error, "CardType");
-    return impl_->cardType;
+    return impl_->Guard("CardType", [&] { return impl_->cardType; });
 }
 
 std::int32_t Encoder::SerialNumberLength() {
-    return impl_->serialLength;
+    return impl_->Guard(
+        "SerialNumberLength", [&] { return impl_->serialLength; }, RecordRule::Untouched);
 }
 
 // ---- Parameters and information ------------------------------------------------
 
 std::string Encoder::Parameters() {
-    try {
-        return "Encoding capabilities=" + std::string(kCapabilities) + "\r\nDevice=" + impl_->deviceName;
-    } catch (...) {
-        return {};
-    }
+    return impl_->Guard(
+        "Parameters",
+        [&] { return "Encoding capabilities=" + std::string(kCapabilities) + "\r\nDevice=" + impl_->deviceName; },
+        RecordRule::Untouched);
 }
 
 void Encoder::Parameters(const std::string& text) {
-    try {
-        command::ClearError(impl_->error, "Parameters");
-        if (auto device = DeviceFromParameters(text)) impl_->deviceName = std::move(*device);
-    } catch (...) {
-        command::RecordRuntimeError(impl_->error, "Parameters");
-    }
+    // Only the entries change: an open session stays open on its reader.
+    impl_->Guard("Parameters", [&] { impl_->ApplyParameters(text); });
 }
 
 std::string Encoder::GetInformation() {
-    try {
+    return impl_->Guard("GetInformation", [&] {
         const int instance = std::uniform_int_distribution<int>(0, 99999)(impl_->random);
-        command::ClearError(impl_->error, "GetInformation");
         return InformationText(ELATECTWN4_VERSION_MAJOR, ELATECTWN4_VERSION_MINOR, ELATECTWN4_VERSION_PATCH, instance);
-    } catch (...) {
-        command::RecordRuntimeError(impl_->error, "GetInformation");
-        return {};
-    }
+    });
 }
 
 // ---- Reader session ------------------------------------------------------------
+// The open routine names itself "OpenEncoder", for ReOpenEncoder as well.
 
 sceReturnCode Encoder::OpenEncoder(std::int32_t /*Handle*/) {
-    try {
-        return impl_->OpenComm(true);
-    } catch (...) {
-        command::RecordRuntimeError(impl_->error, "OpenEncoder");
-        return sceError;
-    }
+    return impl_->Guard("OpenEncoder", [&] { return impl_->OpenComm(true); });
 }
 
 void Encoder::ReOpenEncoder() {
-    try {
-        impl_->OpenComm(false);
-    } catch (...) {
-        command::RecordRuntimeError(impl_->error, "OpenEncoder");
-    }
+    impl_->Guard("OpenEncoder", [&] { impl_->OpenComm(false); });
 }
 
 sceReturnCode Encoder::CloseEncoder() {
-    command::ClearError(impl_->error, "CloseEncoder");
-    impl_->CloseComm();
-    return sceSuccess;
+    return impl_->Guard("CloseEncoder", [&] {
+        impl_->CloseComm();
+        return sceSuccess;
+    });
 }
 
 // ---- Card identity ---------------------------------------------------------------
 
 sceReturnCode Encoder::ReadSerialNumber(std::string& SerialNumber) {
-    static const std::string kName = "ReadSerialNumber";
+    constexpr const char* kName = "ReadSerialNumber";
     Impl& s = *impl_;
-    try {
-        command::ClearError(s.error, kName);
+    return s.Guard(kName, [&] {
         if (s.SelectCardInRange() != sceSuccess) return sceError;
         std::string uid;
         std::string status;
@@ -191,17 +161,13 @@ sceReturnCode Encoder::ReadSerialNumber(std::string& SerialNumber) {
         }
         SerialNumber = command::BytesToHex(uid);
         return sceSuccess;
-    } catch (...) {
-        command::RecordRuntimeError(s.error, kName);
-        return sceError;
-    }
+    });
 }
 
 sceReturnCode Encoder::Escape(const std::string& sCommand, std::string& sBuffer) {
-    static const std::string kName = "Escape";
+    constexpr const char* kName = "Escape";
     Impl& s = *impl_;
-    try {
-        command::ClearError(s.error, kName);
+    return s.Guard(kName, [&] {
         // A command that is not whole hex bytes would reach the reader as
         // guessed bytes; it is refused before anything is sent, with the same
         // record as a command that yields no bytes at all.
@@ -221,20 +187,16 @@ sceReturnCode Encoder::Escape(const std::string& sCommand, std::string& sBuffer)
         if (result != sceSuccess) return sceError;
         sBuffer = command::BytesToHex(answer);
         return sceSuccess;
-    } catch (...) {
-        command::RecordRuntimeError(s.error, kName);
-        return sceError;
-    }
+    });
 }
 
 std::string Encoder::ReaderType() {
-    static const std::string kName = "ReaderType";
+    constexpr const char* kName = "ReaderType";
     Impl& s = *impl_;
-    try {
-        command::ClearError(s.error, kName);
+    return s.Guard(kName, [&] {
         if (s.channel.context == 0) {
             command::Fail(s.error, ErrorNumber::EncoderClosed, kName);
-            return {};
+            return std::string();
         }
         struct Line {
             std::string_view format;
@@ -252,18 +214,22 @@ std::string Encoder::ReaderType() {
         for (const Line& line : kLines)
             text += s.GetAttribText(line.format, line.attribute, line.mode) + "\r\n";
         return text;
-    } catch (...) {
-        command::RecordRuntimeError(s.error, kName);
-        return {};
-    }
+    });
 }
 
 std::string Encoder::GetResponseText(const std::string& sw1sw2, const std::string& EncoderCommand) {
-    // Leaves the record alone: hosts call this to explain the record.
+    // Hosts call this to explain the record: it must leave the record alone.
+    return impl_->Guard(
+        "GetResponseText", [&] { return command::GetResponseText(sw1sw2, EncoderCommand); }, RecordRule::Untouched);
+}
+
+// ---- The guard's record ------------------------------------------------------------
+
+void Encoder::Impl::RecordEscape(const char* member) noexcept {
     try {
-        return command::GetResponseText(sw1sw2, EncoderCommand);
+        command::RecordRuntimeError(error, member);
     } catch (...) {
-        return {};
+        // Not even the member's name could be had: the record keeps what it holds.
     }
 }
 

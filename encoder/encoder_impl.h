@@ -9,9 +9,11 @@
 #include <random>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
 #include "command/channel.h"
+#include "command/error_record.h"
 #include "elatectwn4/encoder.h"
 #include "mifare/mifare.h"
 
@@ -42,15 +44,48 @@ enum class AttribMode : std::uint32_t {
     Raw = 3,      ///< the bytes as they stand (a byte string)
 };
 
+/// How a public member treats the error record around its work.
+enum class RecordRule {
+    Clear,      ///< emptied on entry, naming the member; what escapes is recorded (most members)
+    Keep,       ///< left as the previous member left it; what escapes is recorded
+    Untouched,  ///< never written: reading a field, explaining the record
+};
+
+/// What a member answers when its work was cut short by an exception.
+template <typename Result>
+constexpr Result FailedResult() noexcept {
+    if constexpr (std::is_same_v<Result, sceReturnCode>) {
+        return sceError;
+    } else if constexpr (!std::is_void_v<Result>) {
+        return Result{};
+    }
+}
+
 struct Encoder::Impl {
     explicit Impl(std::shared_ptr<PcscApi> api);
+
+    /// The one edge of every public member: applies `rule` to the record,
+    /// runs `work` and turns whatever it throws into the record (naming
+    /// `member`) and FailedResult: sceError, "" or nothing. Never throws.
+    ///   return impl_->Guard("DESFireFormat", [&] { return desfire::Format(...); });
+    template <typename Work>
+    std::invoke_result_t<Work&> Guard(const char* member, Work&& work, RecordRule rule = RecordRule::Clear) noexcept {
+        try {
+            if (rule == RecordRule::Clear) command::ClearError(error, member);
+            return work();
+        } catch (...) {
+            if (rule != RecordRule::Untouched) RecordEscape(member);
+            return FailedResult<std::invoke_result_t<Work&>>();
+        }
+    }
 
     std::shared_ptr<PcscApi> pcsc;
     CError error;
     command::Channel channel;
 
-    std::string deviceName;  ///< from the "Device=" entry of Parameters
-    std::string atrText;     ///< "3B 8F 80 ..."
+    std::string deviceName;        ///< from the "Device=" entry of Parameters
+    bool cardConformance = false;  ///< from the "Conformance=" entry of Parameters
+    std::string atrText;           ///< "3B 8F 80 ..."
     sceCardTypes cardType = sceUnhandled;
     std::int32_t serialLength = 0;
 
@@ -62,6 +97,14 @@ struct Encoder::Impl {
     std::mt19937 random;  ///< GetInformation's instance number only; never for keys
 
     mifare::Context mifareContext();
+
+    /// Takes the entries of a Parameters text that it holds; the others keep
+    /// their values, and an open session stays open.
+    void ApplyParameters(std::string_view text);
+    /// True when Parameters holds "Conformance=card": where the component's
+    /// own frame or layout differs from what the cards document, the card
+    /// families use the cards' one. False (the component's own) by default.
+    bool CardConformance() const noexcept { return cardConformance; }
 
     // ---- The reader session (session.cpp) --------------------------------
 
@@ -90,6 +133,9 @@ struct Encoder::Impl {
     void ClearKeyCache() noexcept;
 
 private:
+    /// Records the exception being handled as the run-time error of `member`.
+    void RecordEscape(const char* member) noexcept;
+
     /// Connects to `reader` into the card handle; returns the PC/SC code.
     std::uint32_t Connect(const std::string& reader);
     /// After a successful connection: read the ATR, identify the card, and
@@ -107,9 +153,14 @@ private:
 /// The card families the component encodes, as Parameters and GetInformation name them.
 inline constexpr std::string_view kCapabilities = "Mifare Classic, Mifare Ultralight, Mifare DESFire";
 
-/// The "Device=" value a Parameters text sets, or nullopt when it has none
-/// (the last "device" entry wins).
-std::optional<std::string> DeviceFromParameters(std::string_view text);
+/// The entries of a Parameters text the component reads; nullopt for an
+/// entry the text does not hold. Keys are trimmed and compared in lower case,
+/// values trimmed; the last entry of a key wins.
+struct ParameterEntries {
+    std::optional<std::string> device;    ///< "Device": the reader's name
+    std::optional<bool> cardConformance;  ///< "Conformance": true for "card" (any case), false for any other value
+};
+ParameterEntries ParseParameters(std::string_view text);
 
 /// The GetInformation text for a version and an instance number.
 std::string InformationText(int major, int minor, int patch, int instance);

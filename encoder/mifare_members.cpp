@@ -1,10 +1,8 @@
-// The Encoder's MIFARE Classic members. Each builds the MIFARE context of this
-// session and runs the worker; nothing the worker raises crosses the public
-// edge, it ends up in the error record. The members without the "Mifare"
-// prefix forward their arguments unchanged.
+// The Encoder's MIFARE Classic members. Each runs its worker with the MIFARE
+// context of this session under the member guard. The members without the
+// "Mifare" prefix forward their arguments unchanged to the guarded ones.
 #include <string>
 
-#include "command/error_record.h"
 #include "elatectwn4/encoder.h"
 #include "encoder/encoder_impl.h"
 #include "mifare/mifare.h"
@@ -13,17 +11,16 @@ namespace elatectwn4 {
 
 namespace {
 
-// Runs `work` with the session's MIFARE context; an exception becomes the
-// run-time error of operation `name`.
+// Runs member `name`'s worker with the session's MIFARE context.
 template <typename Work>
-sceReturnCode RunMifare(Encoder::Impl& impl, const char* name, Work&& work) noexcept {
-    try {
-        mifare::Context ctx = impl.mifareContext();
-        return work(ctx);
-    } catch (...) {
-        command::RecordRuntimeError(impl.error, name);
-        return sceError;
-    }
+auto RunMifare(Encoder::Impl& impl, const char* name, Work&& work, RecordRule rule = RecordRule::Clear) noexcept {
+    return impl.Guard(
+        name,
+        [&] {
+            mifare::Context ctx = impl.mifareContext();
+            return work(ctx);
+        },
+        rule);
 }
 
 }  // namespace
@@ -66,11 +63,10 @@ sceReturnCode Encoder::MifareWriteBytesInBloc(std::int32_t BlocNumber, const std
 
 void Encoder::MifareSetAccessCondition(std::int32_t AccessConditionNumber, const std::string& NewValue) {
     // Never fails and reports nothing: a rejected value is simply ignored.
-    try {
-        mifare::Context ctx = impl_->mifareContext();
-        mifare::MifareSetAccessCondition(ctx, AccessConditionNumber, NewValue);
-    } catch (...) {
-    }
+    RunMifare(
+        *impl_, "MifareSetAccessCondition",
+        [&](mifare::Context& ctx) { mifare::MifareSetAccessCondition(ctx, AccessConditionNumber, NewValue); },
+        RecordRule::Untouched);
 }
 
 sceReturnCode Encoder::MifareWriteSectorTrailer(std::int32_t SectorNumber, const std::string& Key, std::uint8_t KeyType,

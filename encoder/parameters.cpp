@@ -31,27 +31,38 @@ std::vector<std::string_view> SplitEntries(std::string_view text) {
     return entries;
 }
 
-bool IsDeviceKey(std::string_view key) {
-    constexpr std::string_view kDevice = "device";
-    if (key.size() != kDevice.size()) return false;
-    for (std::size_t i = 0; i < key.size(); ++i) {
-        const char c = key[i] >= 'A' && key[i] <= 'Z' ? static_cast<char>(key[i] - 'A' + 'a') : key[i];
-        if (c != kDevice[i]) return false;
+// `text` equals the lower-case `word` when upper-case ASCII letters are lowered.
+bool IsWord(std::string_view text, std::string_view word) {
+    if (text.size() != word.size()) return false;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i] >= 'A' && text[i] <= 'Z' ? static_cast<char>(text[i] - 'A' + 'a') : text[i];
+        if (c != word[i]) return false;
     }
     return true;
 }
 
 }  // namespace
 
-std::optional<std::string> DeviceFromParameters(std::string_view text) {
-    std::optional<std::string> device;
+ParameterEntries ParseParameters(std::string_view text) {
+    ParameterEntries entries;
     for (std::string_view entry : SplitEntries(text)) {
         const auto equals = entry.find('=');
         const std::string_view key = TrimBlanks(entry.substr(0, equals));
-        if (!IsDeviceKey(key)) continue;
-        device = equals == std::string_view::npos ? std::string{} : std::string(TrimBlanks(entry.substr(equals + 1)));
+        const std::string_view value =
+            equals == std::string_view::npos ? std::string_view() : TrimBlanks(entry.substr(equals + 1));
+        if (IsWord(key, "device")) {
+            entries.device = std::string(value);
+        } else if (IsWord(key, "conformance")) {
+            entries.cardConformance = IsWord(value, "card");
+        }
     }
-    return device;
+    return entries;
+}
+
+void Encoder::Impl::ApplyParameters(std::string_view text) {
+    ParameterEntries entries = ParseParameters(text);
+    if (entries.device) deviceName = std::move(*entries.device);
+    if (entries.cardConformance) cardConformance = *entries.cardConformance;
 }
 
 std::string InformationText(int major, int minor, int patch, int instance) {
