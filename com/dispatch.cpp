@@ -251,6 +251,23 @@ std::string ToText(const Variant& value) {
 
 namespace {
 
+// What the member receives for an optional argument the caller left out:
+// the type's zero, or nothing for a Variant (which the member then tells apart).
+Variant AbsentArgument(ValueType type) {
+    switch (type) {
+        case ValueType::String:
+            return std::string();
+        case ValueType::Long:
+            return std::int32_t{0};
+        case ValueType::Byte:
+            return std::uint8_t{0};
+        case ValueType::Boolean:
+            return false;
+        default:
+            return {};
+    }
+}
+
 template <typename Call>
 auto InvokeRow(const com::MemberRow& row, std::vector<Variant>& args, Call call) {
     const auto& params = row.info.params;
@@ -269,10 +286,8 @@ auto InvokeRow(const com::MemberRow& row, std::vector<Variant>& args, Call call)
     for (std::size_t i = 0; i < params.size(); ++i) {
         if (i < args.size()) {
             working.push_back(ConvertArgument(args[i], params[i].type, static_cast<int>(i)));
-        } else if (params[i].type == ValueType::Long) {
-            working.emplace_back(std::int32_t{0});
         } else {
-            working.emplace_back();
+            working.push_back(AbsentArgument(params[i].type));
         }
     }
     auto result = call(working);
