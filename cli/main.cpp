@@ -45,8 +45,10 @@ DESCRIPTION
     carries over to the next call) and closes it. Every call is a member of
     the encoder, called by name with its arguments in the member's order
     ("twn4 members" lists them). Trailing in/out and optional arguments may be
-    left out. Every call is checked before the first one runs: a call that
-    cannot be made stops the run with exit status 2 and nothing is sent.
+    left out. A property given a value is set: Parameters "Conformance=card"
+    changes the encoder's entries without leaving the session. Every call is
+    checked before the first one runs: a call that cannot be made stops the
+    run with exit status 2 and nothing is sent.
 
 OPTIONS
     --reader NAME
@@ -70,7 +72,7 @@ OPTIONS
          ..., "LastDllError": ..., "ComFunction": ..., "RdrCommand": ...,
          "RdrRetCode": ...}}
         "value" is present for members that return something other than a
-        result code.
+        result code. Byte arrays are arrays of numbers ([4, 161, ...]).
     --stop-on-error
         Do not run the calls after the first that returned sceError.
     --no-open
@@ -90,7 +92,7 @@ ARGUMENTS
 
 OUTPUT
     For people: each call's result name (sceSuccess, sceError), its in/out
-    values, and on failure the LastError fields with the readable text of
+    values (byte arrays as hex bytes: 04 A1 ...), and on failure the LastError fields with the readable text of
     RdrRetCode when that is a card status word. Members without a result code
     show their value; they count as failed when they leave an error record
     naming themselves.
@@ -222,14 +224,12 @@ bool IsStatusWord(const std::string& text) {
     return text.find_first_not_of("0123456789ABCDEFabcdef") == std::string::npos;
 }
 
+// Byte arrays become arrays of numbers, for scripts; people see them as hex bytes.
 nlohmann::json JsonValue(const Variant& value) {
     return std::visit(
         [](const auto& x) -> nlohmann::json {
-            using T = std::decay_t<decltype(x)>;
-            if constexpr (std::is_same_v<T, std::monostate>)
+            if constexpr (std::is_same_v<std::decay_t<decltype(x)>, std::monostate>)
                 return nullptr;
-            else if constexpr (std::is_same_v<T, std::vector<std::uint8_t>>)
-                return ToText(Variant{x});
             else
                 return x;
         },
@@ -385,7 +385,7 @@ int ListReaders(const Options& o) {
 int ListMembers(const Options& o) {
     const std::string only = o.words.size() > 1 ? o.words[1] : std::string();
     for (const auto& m : Members()) {
-        if (m.interfaceName != "_Encoder" || m.kind == MemberKind::PropertyPut) continue;
+        if (m.interfaceName != "_Encoder") continue;
         if (!only.empty() && !cli::SameName(m.name, only)) continue;
         std::cout << Signature(m) << '\n';
         if (!m.help.empty()) std::cout << "    " << m.help << '\n';

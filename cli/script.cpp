@@ -13,8 +13,10 @@ bool SameName(std::string_view a, std::string_view b) {
 
 namespace {
 
-const MemberInfo* Resolve(std::string_view name) {
+// A property given a value is set (Parameters "Device=..."), else read.
+const MemberInfo* Resolve(std::string_view name, bool withValue) {
     if (const auto* m = FindMember("_Encoder", name, MemberKind::Method)) return m;
+    if (const auto* m = FindMember("_Encoder", name, MemberKind::PropertyPut); m && withValue) return m;
     return FindMember("_Encoder", name, MemberKind::PropertyGet);
 }
 
@@ -68,7 +70,7 @@ std::string Expected(const ParamInfo& p) {
 Call MakeCall(const std::vector<std::string>& words, const std::string& where) {
     Call call;
     call.where = where;
-    const MemberInfo* m = Resolve(words.at(0));
+    const MemberInfo* m = Resolve(words.at(0), words.size() > 1);
     if (m == nullptr) {
         throw UsageError(where + ": unknown member \"" + words[0] + "\" (twn4 members lists them)");
     }

@@ -53,7 +53,15 @@ public:
     /// "Encoding capabilities=...\r\nDevice=<reader>".
     std::string Parameters();
     /// Entries "key=value" separated by CR LF (or ";" when there is no CR LF);
-    /// "Device" names the reader, every other key is ignored.
+    /// keys are trimmed and compared in lower case, values trimmed, and the
+    /// last entry of a key wins. An entry the text does not hold keeps its
+    /// value, and an open session stays open.
+    ///   Device       the reader's name.
+    ///   Conformance  "card" (any case): where the component's own frame or
+    ///                layout differs from what the cards document, send what
+    ///                the cards document (see each member). Any other value:
+    ///                the component's own, the default.
+    /// Every other key is ignored.
     void Parameters(const std::string& text);
     /// "Pellucid|Elatec TWN4|<major>.<minor>.<revision>|1|<n>|<capabilities>".
     std::string GetInformation();

@@ -2,6 +2,7 @@
 // by ReaderType.
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <regex>
 #include <set>
 #include <string>
@@ -19,51 +20,68 @@ namespace {
 
 const std::string kCapabilities = "Encoding capabilities=Mifare Classic, Mifare Ultralight, Mifare DESFire\r\nDevice=";
 
-struct ParametersCase {
+struct EntriesCase {
     const char* text;
-    const char* device;  ///< the Device the text leaves, starting from "Before"
+    std::optional<std::string> device;
+    std::optional<bool> cardConformance = std::nullopt;
 };
 
-class ParametersText : public ::testing::TestWithParam<ParametersCase> {
-protected:
-    RegistryDir registry;
-};
-
-TEST_P(ParametersText, SetsTheDeviceByTheParsingRules) {
-    Encoder encoder(std::make_shared<ScriptedPcsc>());
-    encoder.Parameters("Device=Before");
-    encoder.LastError().Number = 99;
-    encoder.Parameters(GetParam().text);
-    EXPECT_EQ(encoder.Parameters(), kCapabilities + GetParam().device);
-    EXPECT_EQ(Of(encoder.LastError()), Cleared("Parameters"));
+TEST(ParametersText, YieldsTheEntriesByTheParsingRules) {
+    const EntriesCase cases[] = {
+        {"Device=Reader 1;Protocol=1", "Reader 1"},
+        {"DEVICE = Reader 2", "Reader 2"},
+        {"  dEvIcE   =   Virtual PCD 00 00   ;", "Virtual PCD 00 00"},
+        // Lines: a ";" stays in the value.
+        {"Device=A;B\r\nProtocol=1", "A;B"},
+        {"Protocol=1\r\nDevice=Reader;01\r\n", "Reader;01"},
+        // A key alone is an empty value; a text without the key leaves it out.
+        {"Device", ""},
+        {"Device=", ""},
+        {"Protocol=1;Speed=9600", std::nullopt},
+        {"", std::nullopt},
+        {"Devices=X;Dev=Y; =Z;=W", std::nullopt},
+        // The later entry wins; the value keeps everything after the first "=".
+        {"Device=X;device=Y", "Y"},
+        {"Device=a=b", "a=b"},
+        {"Device=A\r\nDevice=B;C", "B;C"},
+        // Only blanks are trimmed; a lone LF does not separate entries.
+        {"Device=\tR\t", "\tR\t"},
+        {"Device=R1\nProtocol=1", "R1\nProtocol=1"},
+        // Conformance: "card" in any case, any other value is the default.
+        {"Conformance=card", std::nullopt, true},
+        {" CONFORMANCE = Card ;Device=R", "R", true},
+        {"Conformance=cards", std::nullopt, false},
+        {"Conformance", std::nullopt, false},
+        {"Conformance=card;conformance=spec", std::nullopt, false},
+        {"Conformance=card\r\nDevice=R;Conformance=x", "R;Conformance=x", true},
+    };
+    for (const auto& c : cases) {
+        const ParameterEntries entries = ParseParameters(c.text);
+        EXPECT_EQ(entries.device, c.device) << c.text;
+        EXPECT_EQ(entries.cardConformance, c.cardConformance) << c.text;
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(Rules, ParametersText,
-                         ::testing::Values(ParametersCase{"Device=Reader 1;Protocol=1", "Reader 1"},
-                                           ParametersCase{"DEVICE = Reader 2", "Reader 2"},
-                                           ParametersCase{"  dEvIcE   =   Virtual PCD 00 00   ;", "Virtual PCD 00 00"},
-                                           // Lines: a ";" stays in the value.
-                                           ParametersCase{"Device=A;B\r\nProtocol=1", "A;B"},
-                                           ParametersCase{"Protocol=1\r\nDevice=Reader;01\r\n", "Reader;01"},
-                                           // A key alone clears the device; no key leaves it alone.
-                                           ParametersCase{"Device", ""}, ParametersCase{"Device=", ""},
-                                           ParametersCase{"Protocol=1;Speed=9600", "Before"},
-                                           ParametersCase{"", "Before"},
-                                           ParametersCase{"Devices=X;Dev=Y; =Z;=W", "Before"},
-                                           // The later entry wins; the value keeps everything after the first "=".
-                                           ParametersCase{"Device=X;device=Y", "Y"},
-                                           ParametersCase{"Device=a=b", "a=b"},
-                                           ParametersCase{"Device=A\r\nDevice=B;C", "B;C"},
-                                           // Only blanks are trimmed; a lone LF does not separate entries.
-                                           ParametersCase{"Device=\tR\t", "\tR\t"},
-                                           ParametersCase{"Device=R1\nProtocol=1", "R1\nProtocol=1"}));
+TEST(ParametersText, AnEntryLeftOutKeepsItsValue) {
+    Encoder::Impl impl(std::make_shared<ScriptedPcsc>());
+    EXPECT_FALSE(impl.CardConformance());
+    impl.ApplyParameters("Conformance=card;Device=A");
+    impl.ApplyParameters("Device=B");
+    EXPECT_TRUE(impl.CardConformance());
+    EXPECT_EQ(impl.deviceName, "B");
+    impl.ApplyParameters("Conformance=none");
+    EXPECT_FALSE(impl.CardConformance());
+    EXPECT_EQ(impl.deviceName, "B");
+}
 
-TEST(ParametersDefault, ANewEncoderNamesNoReaderYet) {
+TEST(ParametersProperty, ShowsTheReaderAndClearsTheRecord) {
     RegistryDir registry;
     Encoder encoder(std::make_shared<ScriptedPcsc>());
     EXPECT_EQ(encoder.Parameters(), kCapabilities + "<unknown>");
-    encoder.Parameters("Device=Reader 9");
+    encoder.LastError().Number = 99;
+    encoder.Parameters("Device=Reader 9;Conformance=card");
     EXPECT_EQ(encoder.Parameters(), kCapabilities + "Reader 9");
+    EXPECT_EQ(Of(encoder.LastError()), Cleared("Parameters"));
 }
 
 TEST(Information, TheExampleOfVersionAndDrawReadsAsDocumented) {
