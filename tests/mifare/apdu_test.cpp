@@ -83,14 +83,14 @@ class MifareApdu : public ::testing::Test {
 protected:
     std::shared_ptr<test::ScriptedPcsc> fake = std::make_shared<test::ScriptedPcsc>();
     CError record;
-    command::Channel channel{fake.get(), 0x1001, 0x2001, pcsc_const::ProtocolT1, false, &record};
+    command::Channel channel{fake.get(), 0x1001, 0x2001, pcsc_const::ProtocolT1};
     AccessConditionTable overrides{};
     int cardChecks = 0;
     std::function<sceReturnCode()> cardCheck = [this] {
         ++cardChecks;
         return sceSuccess;
     };
-    Context ctx{channel, overrides, [this] { return cardCheck(); }};
+    Context ctx{channel, record, overrides, [this] { return cardCheck(); }};
 
     void Script(const std::vector<Step>& steps) {
         for (const auto& s : steps)
@@ -357,9 +357,9 @@ TEST(MifareRefusals, EveryMemberStopsAtTheFirstRefusedCommandAndRecordsItUnderTh
                 SCOPED_TRACE(std::string(member.name) + ", step " + std::to_string(failing) + " answers " + status);
                 auto fake = std::make_shared<test::ScriptedPcsc>();
                 CError record;
-                command::Channel channel{fake.get(), 0x1001, 0x2001, pcsc_const::ProtocolT1, false, &record};
+                command::Channel channel{fake.get(), 0x1001, 0x2001, pcsc_const::ProtocolT1};
                 AccessConditionTable overrides{};
-                Context ctx{channel, overrides, [] { return sceSuccess; }};
+                Context ctx{channel, record, overrides, [] { return sceSuccess; }};
                 std::vector<std::string> expected;
                 for (std::size_t i = 0; i < member.steps.size() && i <= failing; ++i) {
                     const Step& s = member.steps[i];

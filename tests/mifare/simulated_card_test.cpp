@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
+#include "cipher/bytes.h"
 #include "command/channel.h"
 #include "command/error_record.h"
-#include "command/hex.h"
 #include "command/response_text.h"
 #include "mifare/access_bits.h"
 #include "mifare/block.h"
@@ -33,7 +33,7 @@ constexpr std::uint8_t kUseKeyA = 0;
 constexpr std::uint8_t kUseKeyB = 2;
 
 std::string Hex(const sim::Block& block) {
-    return ToHex(block);
+    return cipher::ToHex(block);
 }
 
 // A session on the simulated reader "Virtual PCD 00 00" holding one card.
@@ -71,9 +71,9 @@ private:
     std::shared_ptr<sim::SimulatedPcsc> pcsc_ = std::make_shared<sim::SimulatedPcsc>();
     std::shared_ptr<sim::MifareClassicCard> card_;
     CError record_;
-    command::Channel channel_{pcsc_.get(), 0, 0, 0, false, &record_};
+    command::Channel channel_{pcsc_.get(), 0, 0, 0};
     AccessConditionTable overrides_{};
-    Context ctx_{channel_, overrides_, [this] {
+    Context ctx_{channel_, record_, overrides_, [this] {
                      PcscStatus status;
                      if (pcsc_->Status(channel_.card, status) == 0) return sceSuccess;
                      command::Fail(record_, ErrorNumber::NoCard, "SelectCardInRange");
@@ -101,7 +101,7 @@ TEST_P(OnEveryClassicCard, DataBlocksWrittenAreStoredAndReadBack) {
     SimulatedCard sim(GetParam().kind);
     for (const std::int32_t block : GetParam().dataBlocks) {
         const std::string data =
-            "00112233445566778899AABBCCDD" + command::ByteHex(static_cast<std::uint8_t>(block)) + "FF";
+            "00112233445566778899AABBCCDD" + cipher::ToHex(static_cast<std::uint8_t>(block)) + "FF";
         ASSERT_EQ(sim.TryWrite(block, kTransportKey, kUseKeyA, data), sceSuccess) << "block " << block << sim.Show();
         EXPECT_EQ(Hex(sim.card().RawBlock(static_cast<unsigned>(block))), data) << "block " << block;
         EXPECT_EQ(sim.Read(block, kTransportKey, kUseKeyA), data) << "block " << block;
