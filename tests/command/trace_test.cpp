@@ -1,56 +1,19 @@
-// The trace sink reads ELATECTWN4_TRACE once per process, so this executable
-// points it at a file of its own before any test runs.
+// What the trace shows of each exchange, key material masked.
 #include "command/trace.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <array>
-#include <cstdlib>
-#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "command/encoder_command.h"
 #include "support/scripted_pcsc.h"
+#include "support/trace_file.h"
 
 namespace elatectwn4::command {
 namespace {
-
-std::string& TracePath() {
-    static std::string path;
-    return path;
-}
-
-class TraceFile : public ::testing::Environment {
-public:
-    void SetUp() override {
-        char name[] = "/tmp/elatectwn4-trace-XXXXXX";
-        const int fd = mkstemp(name);
-        ASSERT_GE(fd, 0);
-        close(fd);
-        TracePath() = name;
-        ASSERT_EQ(setenv("ELATECTWN4_TRACE", name, 1), 0);
-    }
-    void TearDown() override { std::remove(TracePath().c_str()); }
-};
-
-const auto* const kTraceFile = ::testing::AddGlobalTestEnvironment(new TraceFile);
-
-std::size_t TraceSize() {
-    std::ifstream in(TracePath(), std::ios::binary | std::ios::ate);
-    return in ? static_cast<std::size_t>(in.tellg()) : 0;
-}
-
-std::vector<std::string> LinesSince(std::size_t offset) {
-    std::ifstream in(TracePath(), std::ios::binary);
-    in.seekg(static_cast<std::streamoff>(offset));
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(in, line);)
-        lines.push_back(line);
-    return lines;
-}
 
 const std::array<std::uint8_t, 16> kTrailer{0xA1, 0xB2, 0xC3, 0xD4, 0xE5, 0xF6, 0xFF, 0x07,
                                             0x80, 0x69, 0xB6, 0xC5, 0xD4, 0xE3, 0xF2, 0xA1};
@@ -142,7 +105,7 @@ TEST(Trace, ShowsEachExchangeWithKeyMaterialMasked) {
     ASSERT_TRUE(TraceEnabled());
     for (const Case& c : kCases) {
         SCOPED_TRACE(c.what);
-        const std::size_t start = TraceSize();
+        test::ClearTrace();
         auto fake = std::make_shared<test::ScriptedPcsc>();
         for (const auto& [sent, answer] : c.exchanges) {
             if (answer.empty()) {
@@ -153,7 +116,7 @@ TEST(Trace, ShowsEachExchangeWithKeyMaterialMasked) {
         }
         Channel channel{fake.get(), 0x1001, 0x2001, pcsc_const::ProtocolT1};
         EncoderCommand(channel, c.code, c.params, c.options);
-        EXPECT_EQ(LinesSince(start), c.lines);
+        EXPECT_EQ(test::TraceLines(), c.lines);
     }
 }
 

@@ -1,15 +1,9 @@
 // Writing sector trailers with the trace on must leave no byte of a key in
-// it, whatever the sector's size and wherever the trailer block lies. The
-// trace sink reads ELATECTWN4_TRACE once per process: this executable sets it
-// before anything runs.
+// it, whatever the sector's size and wherever the trailer block lies.
 #include "command/trace.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <memory>
 #include <set>
 #include <string>
@@ -19,23 +13,10 @@
 #include "mifare/mifare.h"
 #include "sim/mifare_classic.h"
 #include "sim/simulated_pcsc.h"
+#include "support/trace_file.h"
 
 namespace elatectwn4::mifare {
 namespace {
-
-const std::filesystem::path& TraceFile() {
-    static const std::filesystem::path path =
-        std::filesystem::temp_directory_path() / ("mifare-trace-" + std::to_string(::getpid()) + ".log");
-    return path;
-}
-
-struct TraceRedirection {
-    TraceRedirection() { ::setenv("ELATECTWN4_TRACE", TraceFile().c_str(), 1); }
-    ~TraceRedirection() {
-        std::error_code ignored;
-        std::filesystem::remove(TraceFile(), ignored);
-    }
-} const kTraceRedirection;
 
 // Bytes that no command or answer of these exchanges holds except as a key.
 const std::string kTransport = "FFFFFFFFFFFF";
@@ -85,7 +66,7 @@ TEST(TrailerTrace, HoldsNoKeyByteInSmallAndLargeSectors) {
         CError record;
         AccessConditionTable overrides{};
         Context ctx{channel, record, overrides, [] { return sceSuccess; }};
-        std::ofstream(TraceFile(), std::ios::trunc).flush();
+        test::ClearTrace();
 
         ASSERT_EQ(MifareWriteSectorTrailer(ctx, sector.number, kTransport, 0, kFirstA, kFirstB, 0, -1, -1, -1, -1, {}),
                   sceSuccess)
@@ -112,9 +93,8 @@ TEST(TrailerTrace, HoldsNoKeyByteInSmallAndLargeSectors) {
             for (std::size_t i = 0; i < k.size(); i += 2)
                 keyBytes.insert(std::stoi(k.substr(i, 2), nullptr, 16));
         }
-        std::ifstream trace(TraceFile());
         int writes = 0;
-        for (std::string line; std::getline(trace, line);) {
+        for (const std::string& line : test::TraceLines()) {
             writes += line.starts_with("Sending WriteBinary: FFD600") ? 1 : 0;
             for (int b : BytesShown(line))
                 EXPECT_EQ(keyBytes.count(b), 0u) << "key byte " << b << " in: " << line;
