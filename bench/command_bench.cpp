@@ -13,8 +13,8 @@
 #include <utility>
 #include <vector>
 
+#include "cipher/bytes.h"
 #include "command/encoder_command.h"
-#include "command/hex.h"
 #include "elatectwn4/pcsc.h"
 
 namespace {
@@ -101,22 +101,20 @@ std::vector<Case> Cases() {
 std::vector<std::vector<std::uint8_t>> Frames(const std::vector<std::string>& hex) {
     std::vector<std::vector<std::uint8_t>> frames;
     for (const auto& h : hex)
-        frames.push_back(HexToByteArray(h));
+        frames.push_back(cipher::ParseHex(h).value());
     return frames;
 }
 
 void ThroughEncoderCommand(benchmark::State& state, const Case& c) {
     CannedPcsc reader(Frames(c.answerHex));
-    CError error;
-    Channel channel{&reader, 1, 2, pcsc_const::ProtocolT1, false, &error};
-    std::string response, sw1sw2;
+    Channel channel{&reader, 1, 2, pcsc_const::ProtocolT1};
     for (auto _ : state) {
-        const auto result = EncoderCommand(channel, c.code, c.params, response, sw1sw2, c.more);
-        if (result != sceSuccess) {
-            state.SkipWithError(("EncoderCommand failed: " + error.RdrRetCode).c_str());
+        const Outcome outcome = EncoderCommand(channel, c.code, c.params, {.moreResponse = c.more});
+        if (!outcome.ok()) {
+            state.SkipWithError(("EncoderCommand failed: " + outcome.StatusText()).c_str());
             break;
         }
-        benchmark::DoNotOptimize(response.data());
+        benchmark::DoNotOptimize(outcome.data.data());
     }
     state.counters["frames"] = static_cast<double>(c.sentHex.size());
 }

@@ -1,56 +1,29 @@
 #include "cipher/convert.h"
 
-#include <array>
 #include <cmath>
+#include <optional>
 #include <string>
+#include <utility>
 
-#include "cipher/wipe.h"
+#include "cipher/bytes.h"
 
 namespace elatectwn4::cipher {
 namespace {
-
-constexpr char kDigits[] = "0123456789ABCDEF";
-constexpr std::int8_t kNotHex = -1;
-
-constexpr std::array<std::int8_t, 256> MakeHexValues() {
-    std::array<std::int8_t, 256> values{};
-    values.fill(kNotHex);
-    for (int i = 0; i < 10; ++i)
-        values['0' + i] = static_cast<std::int8_t>(i);
-    for (int i = 0; i < 6; ++i) {
-        values['A' + i] = static_cast<std::int8_t>(10 + i);
-        values['a' + i] = static_cast<std::int8_t>(10 + i);
-    }
-    return values;
-}
-
-constexpr auto kHexValues = MakeHexValues();
 
 [[noreturn]] void BadType() {
     throw DesError(des_message::kBadParameterType);
 }
 
-int HexValue(char c) noexcept {
-    return kHexValues[static_cast<unsigned char>(c)];
+constexpr bool NoSeparator(char) noexcept {
+    return false;
 }
 
-// Hex digits to bytes. An odd count is read as if a "0" stood in front,
-// the same completion the component's other hex routines apply.
+// An odd digit count reads as if a "0" stood in front, the same completion
+// the component's other hex readers apply.
 ByteArray ReadHex(const std::string& text, bool skipSeparators) {
-    std::string digits;
-    WipeOnExit wipeDigits(digits);
-    digits.reserve(text.size() + 1);
-    for (char c : text) {
-        if (skipSeparators && IsSeparator(c)) continue;
-        if (HexValue(c) == kNotHex) throw DesError(des_message::kInvalidHex);
-        digits.push_back(c);
-    }
-    if (digits.size() % 2 != 0) digits.insert(digits.begin(), '0');
-    ByteArray bytes(digits.size() / 2);
-    for (std::size_t i = 0; i < bytes.size(); ++i) {
-        bytes[i] = static_cast<std::uint8_t>(HexValue(digits[2 * i]) << 4 | HexValue(digits[2 * i + 1]));
-    }
-    return bytes;
+    std::optional<ByteArray> bytes = ParseHex(text, {skipSeparators ? IsSeparator : NoSeparator});
+    if (!bytes) throw DesError(des_message::kInvalidHex);
+    return std::move(*bytes);
 }
 
 ByteArray ReadBits(const std::string& text) {
@@ -125,15 +98,7 @@ ByteArray ReadArray(const Value& data) {
 }
 
 std::string WriteHex(std::span<const std::uint8_t> bytes, bool blanks) {
-    std::string text;
-    if (bytes.empty()) return text;
-    text.reserve(bytes.size() * (blanks ? 3 : 2));
-    for (std::uint8_t b : bytes) {
-        if (blanks && !text.empty()) text.push_back(' ');
-        text.push_back(kDigits[b >> 4]);
-        text.push_back(kDigits[b & 0xF]);
-    }
-    return text;
+    return ToHex(bytes, blanks ? ' ' : '\0');
 }
 
 std::string WriteBits(std::span<const std::uint8_t> bytes) {

@@ -11,12 +11,10 @@
 #include <variant>
 #include <vector>
 
+#include "cipher/bytes.h"
 #include "cipher/des_error.h"
 
 namespace elatectwn4::cipher {
-
-/// An array of bytes (forms 2 and 5 of ConvertData).
-using ByteArray = std::vector<std::uint8_t>;
 
 /// One element of an array built from values of any kind. Only integers,
 /// floating-point numbers and Booleans can stand for a byte.

@@ -1,10 +1,9 @@
-// The state one transmission needs: the PC/SC boundary, the context and card
-// handles of the session, and the error record the command layer fills.
+// The state one transmission needs: the PC/SC boundary and the context and
+// card handles of the session.
 #pragma once
 
 #include <cstdint>
 
-#include "elatectwn4/error.h"
 #include "elatectwn4/pcsc.h"
 
 namespace elatectwn4::command {
@@ -14,8 +13,6 @@ struct Channel {
     PcscHandle context = 0;            ///< 0 = encoder closed
     PcscHandle card = 0;               ///< 0 = no card connected
     std::uint32_t activeProtocol = 0;  ///< written by Connect
-    bool readerAuthenticated = false;  ///< set when ReaderAuthenticate answers 9000
-    CError* error = nullptr;           ///< the Encoder's record
 };
 
 }  // namespace elatectwn4::command

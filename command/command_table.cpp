@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <cctype>
+#include <charconv>
 #include <limits>
+#include <utility>
 
-#include "cipher/wipe.h"
+#include "cipher/bytes.h"
 
 namespace elatectwn4::command {
 
@@ -18,7 +20,8 @@ constexpr std::array kCommands{
     CommandRow{cmd::SetSimpleProtocol, "SetSimpleProtocol", "FF 9B 00 00 0A 05 02 FF FF FF FF FF FF FF FF"},
     CommandRow{cmd::GetUID, "GetUID", "FF CA 00 00 00"},
     // Its template is empty: the key is prepared and then goes nowhere, so the
-    // command always fails as an empty one.
+    // command always fails as an empty one. A "9000" would have marked the
+    // reader authenticated; as none can come, no such flag is kept.
     CommandRow{cmd::ReaderAuthenticate,
                "ReaderAuthenticate",
                "",
@@ -39,14 +42,12 @@ constexpr std::array kCommands{
                "GeneralAuthenticate",
                "FF 86 00 00 05 01 [BLOC_NUMBER] [KEY_TYPE] [KEY_NUMBER]",
                {{{"[BLOC_NUMBER]", 0, F::Block}, {"[KEY_TYPE]", 1, F::KeyType}, {"[KEY_NUMBER]", 2, F::HexByte}}}},
-    // Both carry keys when the block is a sector trailer; FillCommand lifts
-    // the masking again for every other block.
-    CommandRow{cmd::ReadBinary, "ReadBinary", "FF B0 [BLOC_NUMBER] 00", {{{"[BLOC_NUMBER]", 0, F::Block}}}, {}, true},
+    // A block holds keys only when it is a sector trailer: the caller says so.
+    CommandRow{cmd::ReadBinary, "ReadBinary", "FF B0 [BLOC_NUMBER] 00", {{{"[BLOC_NUMBER]", 0, F::Block}}}},
     CommandRow{cmd::WriteBinary,
                "WriteBinary",
                "FF D6 [BLOC_NUMBER] 10 [DATA]",
-               {{{"[BLOC_NUMBER]", 0, F::Block}, {"[DATA]", 1, F::Text}}},
-               "[DATA]"},
+               {{{"[BLOC_NUMBER]", 0, F::Block}, {"[DATA]", 1, F::Text}}}},
     CommandRow{cmd::SelectApplication, "SelectApplication", "5A [APPID]", {{{"[APPID]", 0, F::Text}}}},
     // The one-step authentication never worked through this reader; its
     // template is empty and the three-step one (0x403, 0x404) is used.
@@ -177,8 +178,6 @@ constexpr std::array kCommands{
 static_assert(std::is_sorted(kCommands.begin(), kCommands.end(),
                              [](const CommandRow& a, const CommandRow& b) { return a.code < b.code; }));
 
-constexpr char kHex[] = "0123456789ABCDEF";
-
 // Hex digits of a number as the host platform wrote them: no leading zeros,
 // and a negative 32-bit value as its two's complement. Returns the count
 // written at the end of `buffer`.
@@ -187,31 +186,41 @@ std::size_t HexDigits(std::int64_t value, char (&buffer)[16]) noexcept {
     if (value < 0 && value >= std::numeric_limits<std::int32_t>::min()) bits &= 0xFFFFFFFFu;
     std::size_t n = 0;
     do {
-        buffer[15 - n++] = kHex[bits & 0x0F];
+        buffer[15 - n++] = cipher::HexDigit(static_cast<unsigned>(bits));
         bits >>= 4;
     } while (bits != 0);
     return n;
 }
 
 // Left-padded with zeros to `width` digits; with `cut`, only the last `width` kept.
-void AppendHex(std::string& out, std::int64_t value, std::size_t width, bool cut) {
+void AppendNumberHex(cipher::SecretText& out, std::int64_t value, std::size_t width, bool cut) {
     char buffer[16];
     std::size_t n = HexDigits(value, buffer);
-    if (n < width) out.append(width - n, '0');
+    for (std::size_t pad = n; pad < width; ++pad)
+        out.push_back('0');
     if (cut && n > width) n = width;
-    out.append(buffer + 16 - n, n);
+    out.Append(std::string_view(buffer + 16 - n, n));
 }
 
-// Calls `use` with the parameter's text (a number: its decimal text) without
-// copying a text parameter, which may be a key.
+// Calls `use` with the parameter's text (a number: its decimal text; bytes:
+// their hex digits) without leaving a copy of a key behind.
 template <typename Use>
 auto WithText(const Param& param, Use use) {
     if (const auto* text = std::get_if<std::string>(&param)) return use(std::string_view(*text));
-    return use(std::string_view(std::to_string(std::get<std::int64_t>(param))));
+    if (const auto* text = std::get_if<std::string_view>(&param)) return use(*text);
+    if (const auto* bytes = std::get_if<cipher::ByteView>(&param)) {
+        cipher::SecretText hex;
+        hex.Reserve(2 * bytes->size());
+        cipher::AppendHex(hex, *bytes);
+        return use(hex.text());
+    }
+    char buffer[24];
+    const auto end = std::to_chars(buffer, buffer + sizeof buffer, std::get<std::int64_t>(param)).ptr;
+    return use(std::string_view(buffer, static_cast<std::size_t>(end - buffer)));
 }
 
-void AppendText(std::string& out, const Param& param) {
-    WithText(param, [&](std::string_view text) { out.append(text); });
+void AppendText(cipher::SecretText& out, const Param& param) {
+    WithText(param, [&](std::string_view text) { out.Append(text); });
 }
 
 std::string TextOf(const Param& param) {
@@ -224,7 +233,7 @@ bool IsKeySeparator(char c) noexcept {
 
 // Appends the value that replaces a slot's placeholder; false when the
 // parameter is missing or cannot be read as the number the slot wants.
-bool AppendSlotValue(const Slot& slot, const Params& params, std::string& out) {
+bool AppendSlotValue(const Slot& slot, const Params& params, cipher::SecretText& out) {
     if (slot.param >= params.size()) return false;
     const Param& param = params[slot.param];
     switch (slot.format) {
@@ -234,7 +243,7 @@ bool AppendSlotValue(const Slot& slot, const Params& params, std::string& out) {
         case F::KeyType: {
             // An unreadable value is simply not key B.
             const auto number = NumberOf(param);
-            out.append(number && *number == 2 ? "61" : "60");
+            out.Append(number && *number == 2 ? "61" : "60");
             return true;
         }
         case F::Block:
@@ -242,18 +251,18 @@ bool AppendSlotValue(const Slot& slot, const Params& params, std::string& out) {
         case F::PaddedHex: {
             const auto number = NumberOf(param);
             if (!number) return false;
-            if (slot.format == F::Block) AppendHex(out, *number, 4, true);
-            if (slot.format == F::HexByte) AppendHex(out, *number, 2, true);
-            if (slot.format == F::PaddedHex) AppendHex(out, *number, 2, false);
+            if (slot.format == F::Block) AppendNumberHex(out, *number, 4, true);
+            if (slot.format == F::HexByte) AppendNumberHex(out, *number, 2, true);
+            if (slot.format == F::PaddedHex) AppendNumberHex(out, *number, 2, false);
             return true;
         }
         case F::KeyLength: {
             const std::size_t length = WithText(param, [](std::string_view key) { return key.size(); });
-            AppendHex(out, static_cast<std::int64_t>(length / 2), 2, true);
+            AppendNumberHex(out, static_cast<std::int64_t>(length / 2), 2, true);
             return true;
         }
         case F::PcdKeyNumber:
-            out.append(WithText(param, [](std::string_view id) { return id == "000000"; }) ? "00" : "01");
+            out.Append(WithText(param, [](std::string_view id) { return id == "000000"; }) ? "00" : "01");
             return true;
         case F::ReaderKey:
             WithText(param, [&](std::string_view key) {
@@ -267,7 +276,7 @@ bool AppendSlotValue(const Slot& slot, const Params& params, std::string& out) {
                 return static_cast<std::size_t>(
                     std::count_if(key.begin(), key.end(), [](char c) { return !IsKeySeparator(c); }));
             });
-            AppendHex(out, static_cast<std::int64_t>(kept / 2), 2, true);
+            AppendNumberHex(out, static_cast<std::int64_t>(kept / 2), 2, true);
             return true;
         }
     }
@@ -297,38 +306,29 @@ std::size_t FindPlaceholder(std::string_view text, std::string_view placeholder,
 }
 
 // Replaces every occurrence from left to right; replaced text is not searched
-// again. A secret value leaves no copy behind in the discarded buffer.
-void ReplaceAll(std::string& text, std::size_t first, std::string_view placeholder, std::string_view value,
-                bool secret) {
-    std::string out;
-    out.reserve(text.size() + value.size());
+// again.
+void ReplaceAll(cipher::SecretText& text, std::size_t first, std::string_view placeholder, std::string_view value) {
+    cipher::SecretText out;
+    out.Reserve(text.size() + value.size());
     std::size_t done = 0;
-    for (std::size_t at = first; at != std::string_view::npos; at = FindPlaceholder(text, placeholder, done)) {
-        out.append(text, done, at - done).append(value);
+    for (std::size_t at = first; at != std::string_view::npos; at = FindPlaceholder(text.text(), placeholder, done)) {
+        out.Append(text.text().substr(done, at - done));
+        out.Append(value);
         done = at + placeholder.size();
     }
-    out.append(text, done, std::string::npos);
-    text.swap(out);
-    if (secret) cipher::SecureWipe(out);
+    out.Append(text.text().substr(done));
+    text = std::move(out);
 }
 
-std::size_t DigitsBefore(std::string_view text, std::size_t end) noexcept {
-    return static_cast<std::size_t>(
-        std::count_if(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(end), [](char c) { return c != ' '; }));
+bool IsSecretSlot(const CommandRow& row, const Slot& slot, std::string_view secretFrom) noexcept {
+    return slot.placeholder == row.secret || slot.placeholder == secretFrom;
 }
 
 // The template read once from left to right, each placeholder replaced as it
 // comes; the placeholders of the table are upper case and distinct.
-std::uint32_t FillInOnePass(const CommandRow& row, const Params& params, FilledCommand& out) {
+std::uint32_t FillInOnePass(const CommandRow& row, const Params& params, std::string_view secretFrom,
+                            FilledCommand& out) {
     const std::string_view templ = row.templ;
-    // Room for every value up front: the text never moves while a key is
-    // written into it, so no stray copy of the key is left in freed memory.
-    std::size_t room = templ.size();
-    for (const Param& p : params) {
-        const auto* text = std::get_if<std::string>(&p);
-        room += text != nullptr ? text->size() : 20;  // a number takes at most 20 characters
-    }
-    out.text.reserve(room);
     std::size_t digits = 0;
     for (std::size_t i = 0; i < templ.size();) {
         if (templ[i] == '[') {
@@ -336,17 +336,36 @@ std::uint32_t FillInOnePass(const CommandRow& row, const Params& params, FilledC
             const Slot* slot =
                 close == std::string_view::npos ? nullptr : SlotNamed(row, templ.substr(i, close - i + 1));
             if (slot != nullptr) {
-                if (!out.secretDigit && slot->placeholder == row.secret) out.secretDigit = digits;
+                if (!out.secretDigit && IsSecretSlot(row, *slot, secretFrom)) out.secretDigit = digits;
                 const std::size_t before = out.text.size();
                 if (!AppendSlotValue(*slot, params, out.text)) return pcsc_code::InvalidParameter;
-                digits += static_cast<std::size_t>(std::count_if(out.text.begin() + static_cast<std::ptrdiff_t>(before),
-                                                                 out.text.end(), [](char c) { return c != ' '; }));
+                digits += static_cast<std::size_t>(
+                    std::count_if(out.text.begin() + before, out.text.end(), [](char c) { return c != ' '; }));
                 i = close + 1;
                 continue;
             }
         }
         digits += templ[i] != ' ';
         out.text.push_back(templ[i++]);
+    }
+    return pcsc_code::Success;
+}
+
+// Each placeholder in turn over the whole text, so that a value holding a
+// later placeholder gets it filled too.
+std::uint32_t FillInTurn(const CommandRow& row, const Params& params, std::string_view secretFrom, FilledCommand& out) {
+    out.text.Append(row.templ);
+    cipher::SecretText value;
+    for (const Slot& slot : row.slots) {
+        if (slot.placeholder.empty()) break;
+        const std::size_t first = FindPlaceholder(out.text.text(), slot.placeholder, 0);
+        if (first == std::string::npos) continue;
+        value.Clear();
+        if (!AppendSlotValue(slot, params, value)) return pcsc_code::InvalidParameter;
+        // Later substitutions may move what comes before a key: the whole
+        // command is hidden instead.
+        if (IsSecretSlot(row, slot, secretFrom)) out.secretDigit = 0;
+        ReplaceAll(out.text, first, slot.placeholder, value.text());
     }
     return pcsc_code::Success;
 }
@@ -361,22 +380,18 @@ const CommandRow* FindCommand(std::uint32_t code) noexcept {
 
 std::optional<std::int64_t> NumberOf(const Param& param) {
     if (const auto* number = std::get_if<std::int64_t>(&param)) return *number;
-    std::string_view text = std::get<std::string>(param);
+    if (std::holds_alternative<cipher::ByteView>(param)) return std::nullopt;
+    std::string_view text = WithText(param, [](std::string_view t) { return t; });
     while (!text.empty() && text.front() == ' ')
         text.remove_prefix(1);
     while (!text.empty() && text.back() == ' ')
         text.remove_suffix(1);
     if (text.size() > 2 && text[0] == '&' && (text[1] == 'H' || text[1] == 'h')) {
-        if (text.size() > 2 + 16) return std::nullopt;
-        std::uint64_t value = 0;
-        for (char c : text.substr(2)) {
-            const auto at = std::string_view(kHex).find(static_cast<char>(std::toupper(static_cast<unsigned char>(c))));
-            if (at == std::string_view::npos) return std::nullopt;
-            value = value * 16 + at;
-        }
+        const std::optional<std::uint64_t> value = cipher::HexNumber(text.substr(2));
+        if (!value) return std::nullopt;
         // "&HFFFF" style literals of up to 8 digits are 32-bit two's complement.
-        if (text.size() <= 2 + 8 && value > 0x7FFFFFFFu) return static_cast<std::int64_t>(value) - 0x100000000LL;
-        return static_cast<std::int64_t>(value);
+        if (text.size() <= 2 + 8 && *value > 0x7FFFFFFFu) return static_cast<std::int64_t>(*value) - 0x100000000LL;
+        return static_cast<std::int64_t>(*value);
     }
     bool negative = false;
     if (!text.empty() && (text.front() == '-' || text.front() == '+')) {
@@ -392,34 +407,8 @@ std::optional<std::int64_t> NumberOf(const Param& param) {
     return negative ? -value : value;
 }
 
-namespace {
-
-// The last block of a MIFARE Classic sector: every fourth block in the
-// 4-block sectors (blocks 0..127), every sixteenth in the large ones of a 4K card.
-bool IsSectorTrailer(const Params& params) {
-    if (params.empty()) return false;
-    const auto block = NumberOf(params.front());
-    if (!block || *block < 0) return false;
-    return *block < 128 ? *block % 4 == 3 : *block % 16 == 15;
-}
-
-std::uint32_t FillRow(std::uint32_t code, const Params& params, FilledCommand& out);
-
-}  // namespace
-
-std::uint32_t FillCommand(std::uint32_t code, const Params& params, FilledCommand& out) {
-    const std::uint32_t result = FillRow(code, params, out);
-    if ((code == cmd::ReadBinary || code == cmd::WriteBinary) && !IsSectorTrailer(params)) {
-        out.secretDigit.reset();
-        out.secretAnswer = false;
-    }
-    return result;
-}
-
-namespace {
-
-std::uint32_t FillRow(std::uint32_t code, const Params& params, FilledCommand& out) {
-    out.text.clear();
+std::uint32_t FillCommand(std::uint32_t code, const Params& params, std::string_view secretFrom, FilledCommand& out) {
+    out.text.Clear();
     out.fixedName = {};
     out.givenName.clear();
     out.nameGiven = false;
@@ -437,7 +426,8 @@ std::uint32_t FillRow(std::uint32_t code, const Params& params, FilledCommand& o
 
     if (row->source == TextSource::Param0) {
         if (params.empty()) return pcsc_code::InvalidParameter;
-        out.text = TextOf(params.front());
+        if (!secretFrom.empty()) out.secretDigit = 0;
+        AppendText(out.text, params.front());
         return pcsc_code::Success;
     }
 
@@ -446,27 +436,15 @@ std::uint32_t FillRow(std::uint32_t code, const Params& params, FilledCommand& o
     // value can only do so with a '['; without one a single pass over the
     // template gives the same text, and that is the common case.
     const bool valuesHoldBrackets = std::any_of(params.begin(), params.end(), [](const Param& p) {
-        const auto* text = std::get_if<std::string>(&p);
-        return text != nullptr && text->find('[') != std::string::npos;
+        return !std::holds_alternative<cipher::ByteView>(p) &&
+               WithText(p, [](std::string_view text) { return text.find('[') != std::string_view::npos; });
     });
-    if (!valuesHoldBrackets) return FillInOnePass(*row, params, out);
-
-    out.text.assign(row->templ);
-    std::string value;
-    cipher::WipeOnExit wipe(value);
-    for (const Slot& slot : row->slots) {
-        if (slot.placeholder.empty()) break;
-        const std::size_t first = FindPlaceholder(out.text, slot.placeholder, 0);
-        if (first == std::string::npos) continue;
-        value.clear();
-        if (!AppendSlotValue(slot, params, value)) return pcsc_code::InvalidParameter;
-        const bool secret = slot.placeholder == row->secret;
-        if (secret) out.secretDigit = DigitsBefore(out.text, first);
-        ReplaceAll(out.text, first, slot.placeholder, value, out.secretDigit.has_value());
-    }
-    return pcsc_code::Success;
+    const std::uint32_t result =
+        valuesHoldBrackets ? FillInTurn(*row, params, secretFrom, out) : FillInOnePass(*row, params, secretFrom, out);
+    // A secret the caller named that the template does not hold: nothing of
+    // the command may show.
+    if (!secretFrom.empty() && !out.secretDigit) out.secretDigit = 0;
+    return result;
 }
-
-}  // namespace
 
 }  // namespace elatectwn4::command

@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 
+#include "cipher/secret.h"
 #include "command/encoder_command.h"
 
 namespace elatectwn4::command {
@@ -42,8 +43,8 @@ struct CommandRow {
     std::string_view name;  ///< empty: the name is the first parameter's text (0x441)
     std::string_view templ;
     std::array<Slot, 7> slots{};  ///< substituted in this order
-    std::string_view secret{};    ///< placeholder whose value (and all after it) never reaches a log
-    bool secretAnswer = false;    ///< the answers' data never reaches a log either
+    std::string_view secret{};    ///< placeholder whose value (and all after it) is always key material
+    bool secretAnswer = false;    ///< the answers' data is always key material
     TextSource source = TextSource::Template;
 };
 
@@ -52,7 +53,7 @@ const CommandRow* FindCommand(std::uint32_t code) noexcept;
 
 /// One filled command, reused from frame to frame to spare allocations.
 struct FilledCommand {
-    std::string text;  ///< hex text, blanks allowed
+    cipher::SecretText text;  ///< hex text, blanks allowed; may hold a key
     std::string_view fixedName;
     std::string givenName;  ///< 0x441's caller-given name
     bool nameGiven = false;
@@ -62,16 +63,19 @@ struct FilledCommand {
     std::string_view Name() const noexcept { return nameGiven ? std::string_view(givenName) : fixedName; }
 };
 
-/// Fills the template of `code` from `params`. Returns 0, or
+/// Fills the template of `code` from `params`; the bytes from placeholder
+/// `secretFrom` on (or from the row's own secret placeholder, whichever comes
+/// first) are marked secret. Returns 0, or
 /// pcsc_code::InvalidParameter when the code is unknown or a placeholder in
 /// the template needs a parameter that is missing or is not a number where a
 /// number is wanted. Placeholders that the template does not contain are not
 /// evaluated (0x301 names [KEY_TYPE], 0x432 [LENGTH], and so on, without
 /// placing them).
-std::uint32_t FillCommand(std::uint32_t code, const Params& params, FilledCommand& out);
+std::uint32_t FillCommand(std::uint32_t code, const Params& params, std::string_view secretFrom, FilledCommand& out);
 
 /// The value of a number parameter: an integer, or a text holding a decimal
-/// integer (blanks around it allowed) or "&H" followed by hex digits.
+/// integer (blanks around it allowed) or "&H" followed by hex digits. Bytes
+/// are no number.
 std::optional<std::int64_t> NumberOf(const Param& param);
 
 }  // namespace elatectwn4::command

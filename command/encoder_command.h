@@ -3,14 +3,14 @@
 #pragma once
 
 #include <cstdint>
-#include <initializer_list>
 #include <string>
 #include <string_view>
 #include <variant>
 #include <vector>
 
+#include "cipher/bytes.h"
 #include "command/channel.h"
-#include "elatectwn4/types.h"
+#include "command/outcome.h"
 
 namespace elatectwn4::command {
 
@@ -63,8 +63,10 @@ inline constexpr std::uint32_t DesfireAbortTransaction = 0x43B;
 inline constexpr std::uint32_t DesfireContinue = 0x441;
 }  // namespace cmd
 
-/// One element of the parameter list: a number or a text.
-using Param = std::variant<std::int64_t, std::string>;
+/// One element of the parameter list: a number, a text, or a view of a text
+/// or of bytes (written as hex digits). Views are for key material: no copy
+/// of it is made, and the caller keeps it alive for the call.
+using Param = std::variant<std::int64_t, std::string, std::string_view, cipher::ByteView>;
 using Params = std::vector<Param>;
 
 /// What a card that keeps announcing more data may send before the command
@@ -72,16 +74,22 @@ using Params = std::vector<Param>;
 inline constexpr int MaxContinuationFrames = 1000;
 inline constexpr std::size_t MaxGatheredBytes = 64 * 1024;
 
-/// Sends command `code` with `params` over `channel`.
-///   response: the answer's data as a byte string, all chained frames
-///             concatenated (the raw answer for Escape); empty on failure.
-///   sw1sw2:   "9000"/"91AF" for ISO answers, "00"/"AF" for native ones,
-///             "FFFF" when nothing was received, "" after Escape.
-///   moreResponse: fetch continuation frames ("91AF"/"AF") here.
-/// On failure fills channel.error (0x90010F01, 0x90010F04, 0x90010F06 with
-/// ComFunction "EncoderCommand") and returns sceError. Never throws.
-sceReturnCode EncoderCommand(Channel& channel, std::uint32_t code, const Params& params, std::string& response,
-                             std::string& sw1sw2, bool moreResponse);
+struct CommandOptions {
+    /// Fetch the continuation frames ("91AF", "AF") here and gather their data.
+    bool moreResponse = false;
+    /// The placeholder from which on the bytes sent are key material and never
+    /// reach the trace ("[DATA]"); empty = nothing beyond what the command
+    /// table marks. A placeholder the template lacks hides the whole command.
+    std::string_view secretFrom = {};
+    /// The answer's data is key material and never reaches the trace.
+    bool secretAnswer = false;
+};
+
+/// Sends command `code` with `params` over `channel` and tells what came of
+/// it; the caller records a failure with RecordFailure. Never throws.
+///   Example: EncoderCommand(channel, cmd::ReadBinary, {4}, {.secretAnswer = true})
+Outcome EncoderCommand(Channel& channel, std::uint32_t code, const Params& params = {},
+                       const CommandOptions& options = {}) noexcept;
 
 /// The name of a command code as traces and RdrCommand show it ("" if unknown).
 std::string_view CommandName(std::uint32_t code) noexcept;

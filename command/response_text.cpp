@@ -7,6 +7,8 @@
 #include <optional>
 #include <span>
 
+#include "cipher/bytes.h"
+
 namespace elatectwn4::command {
 
 namespace {
@@ -144,23 +146,9 @@ constexpr std::array kGroups{
 
 constexpr Group kLoadKeyGroup{0x69, "[Error]  ", k69LoadKey, Otherwise::Fixed, "Unknown error code"};
 
-int DigitValue(char c) noexcept {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    return -1;
-}
-
 // One or two hex digits; anything unreadable counts as 0.
 std::uint8_t ByteValue(std::string_view digits) noexcept {
-    if (digits.empty()) return 0;
-    int value = 0;
-    for (char c : digits) {
-        const int digit = DigitValue(c);
-        if (digit < 0) return 0;
-        value = value * 16 + digit;
-    }
-    return static_cast<std::uint8_t>(value);
+    return static_cast<std::uint8_t>(cipher::HexNumber(digits).value_or(0));
 }
 
 std::string UpperLastTwo(std::string_view text) {

@@ -5,7 +5,7 @@
 #include <mutex>
 #include <string>
 
-#include "command/hex.h"
+#include "cipher/bytes.h"
 
 namespace elatectwn4::command {
 
@@ -68,7 +68,7 @@ void TraceBytes(std::string_view prefix, std::span<const std::uint8_t> bytes, Se
         auto hidden = [&](std::size_t i) { return i >= secret.from && i - secret.from < secret.count; };
         std::string line(prefix);
         for (std::size_t i = 0; i < bytes.size(); ++i)
-            line += hidden(i) ? std::string("**") : ByteHex(bytes[i]);
+            line += hidden(i) ? std::string("**") : cipher::ToHex(bytes[i]);
         line += " (";
         for (std::size_t i = 0; i < bytes.size(); ++i) {
             if (i != 0) line += ',';

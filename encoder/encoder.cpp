@@ -8,9 +8,9 @@
 #include <string>
 #include <utility>
 
+#include "cipher/bytes.h"
 #include "command/encoder_command.h"
 #include "command/error_record.h"
-#include "command/hex.h"
 #include "command/pcsc_error_text.h"
 #include "command/response_text.h"
 #include "elatectwn4/version.h"
@@ -41,12 +41,6 @@ std::uint32_t Seed() noexcept {
     return seed;
 }
 
-// After a command failure the record names the public member, not the
-// command routine.
-void NameOperation(CError& record, const std::string& name) {
-    command::SetError(record, {.comFunction = name});
-}
-
 }  // namespace
 
 Encoder::Encoder() : Encoder(SystemOrNothing()) {}
@@ -58,7 +52,6 @@ Encoder::Encoder(std::shared_ptr<PcscApi> pcsc) : impl_(std::make_unique<Impl>(s
         impl_->channel.card = 0;
         impl_->IdentifyCardType("");
         impl_->random.seed(Seed());
-        impl_->ClearKeyCache();
     } catch (...) {
         // A new encoder is usable even if a step of its set-up failed.
     }
@@ -151,15 +144,14 @@ sceReturnCode Encoder::ReadSerialNumber(std::string& SerialNumber) {
     Impl& s = *impl_;
     return s.Guard(kName, [&] {
         if (s.SelectCardInRange() != sceSuccess) return sceError;
-        std::string uid;
-        std::string status;
-        const sceReturnCode result = command::EncoderCommand(s.channel, command::cmd::GetUID, {}, uid, status, true);
-        NameOperation(s.error, kName);
-        if (result != sceSuccess) {
+        const command::Outcome uid =
+            command::EncoderCommand(s.channel, command::cmd::GetUID, {}, {.moreResponse = true});
+        if (!uid.ok()) {
+            command::RecordFailure(s.error, uid, kName);
             SerialNumber.clear();
             return sceError;
         }
-        SerialNumber = command::BytesToHex(uid);
+        SerialNumber = cipher::ToHex(uid.data.view());
         return sceSuccess;
     });
 }
@@ -172,20 +164,19 @@ sceReturnCode Encoder::Escape(const std::string& sCommand, std::string& sBuffer)
         // guessed bytes; it is refused before anything is sent, with the same
         // record as a command that yields no bytes at all.
         std::string digits = sCommand;
-        if (!command::IsHexText(digits) || digits.size() % 2 != 0) {
+        if (!cipher::IsHexText(digits) || digits.size() % 2 != 0) {
             command::Fail(s.error, ErrorNumber::CommandFailed, kName,
                           "SCardTransmit:" + std::string(command::CommandName(command::cmd::Escape)),
                           command::PCSCErrorText(pcsc_code::InvalidParameter));
             return sceError;
         }
         if (s.SelectCardInRange() != sceSuccess) return sceError;
-        std::string answer;
-        std::string status;
-        const sceReturnCode result =
-            command::EncoderCommand(s.channel, command::cmd::Escape, {sCommand}, answer, status, false);
-        NameOperation(s.error, kName);
-        if (result != sceSuccess) return sceError;
-        sBuffer = command::BytesToHex(answer);
+        const command::Outcome answer = command::EncoderCommand(s.channel, command::cmd::Escape, {sCommand});
+        if (!answer.ok()) {
+            command::RecordFailure(s.error, answer, kName);
+            return sceError;
+        }
+        sBuffer = cipher::ToHex(answer.data.view());
         return sceSuccess;
     });
 }

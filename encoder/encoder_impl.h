@@ -91,8 +91,8 @@ struct Encoder::Impl {
 
     DesfireSession desfire;
     mifare::AccessConditionTable accessConditions;
-    /// Key table of (key type, key text); cleared at creation and close, read by nobody.
-    std::array<std::pair<std::int32_t, std::string>, 80> mifareKeyCache;
+    // No MIFARE key table is kept: no member ever read or filled the one the
+    // object was once described with.
 
     std::mt19937 random;  ///< GetInformation's instance number only; never for keys
 
@@ -128,9 +128,6 @@ struct Encoder::Impl {
     std::optional<std::string> GetAttribValue(std::uint32_t attribute, AttribMode mode);
     /// `format` with every "%1" replaced by the shown value ("" when unreadable).
     std::string GetAttribText(std::string_view format, std::uint32_t attribute, AttribMode mode);
-
-    /// Empties the MIFARE key table.
-    void ClearKeyCache() noexcept;
 
 private:
     /// Records the exception being handled as the run-time error of `member`.

@@ -3,9 +3,9 @@
 #include <string>
 #include <vector>
 
+#include "cipher/bytes.h"
 #include "command/encoder_command.h"
 #include "command/error_record.h"
-#include "command/hex.h"
 #include "command/pcsc_error_text.h"
 #include "command/trace.h"
 #include "encoder/encoder_impl.h"
@@ -39,10 +39,9 @@ public:
 };
 
 std::string CodeHex(std::uint32_t code) {
-    static constexpr char kDigits[] = "0123456789ABCDEF";
     std::string text = "0x";
     for (int shift = 28; shift >= 0; shift -= 4)
-        text.push_back(kDigits[(code >> shift) & 0xF]);
+        text.push_back(cipher::HexDigit(code >> shift));
     return text;
 }
 
@@ -89,18 +88,10 @@ std::string VersionText(const std::vector<std::uint8_t>& value) {
 
 Encoder::Impl::Impl(std::shared_ptr<PcscApi> api) : pcsc(api ? std::move(api) : std::make_shared<UnavailablePcsc>()) {
     channel.pcsc = pcsc.get();
-    channel.error = &error;
 }
 
 mifare::Context Encoder::Impl::mifareContext() {
-    return mifare::Context{channel, accessConditions, [this] { return SelectCardInRange(); }};
-}
-
-void Encoder::Impl::ClearKeyCache() noexcept {
-    for (auto& [type, key] : mifareKeyCache) {
-        type = 0;
-        key.clear();
-    }
+    return mifare::Context{channel, error, accessConditions, [this] { return SelectCardInRange(); }};
 }
 
 void Encoder::Impl::IdentifyCardType(std::string_view atr) {
@@ -124,7 +115,7 @@ std::optional<std::string> Encoder::Impl::GetAttribValue(std::uint32_t attribute
         case AttribMode::Raw:
             break;
     }
-    return command::ToByteString(value);
+    return std::string(value.begin(), value.end());
 }
 
 std::string Encoder::Impl::GetAttribText(std::string_view format, std::uint32_t attribute, AttribMode mode) {
@@ -143,9 +134,9 @@ std::string Encoder::Impl::ReadAtrText() {
         // SCardStatus reports the same bytes.
         PcscStatus status;
         raw.reset();
-        if (pcsc->Status(channel.card, status) == pcsc_code::Success) raw = command::ToByteString(status.atr);
+        if (pcsc->Status(channel.card, status) == pcsc_code::Success) raw.emplace(status.atr.begin(), status.atr.end());
     }
-    return raw ? command::BytesToHex(*raw, 1, -1, true) : std::string{};
+    return raw ? cipher::ToHex(cipher::AsBytes(*raw), ' ') : std::string{};
 }
 
 std::uint32_t Encoder::Impl::Connect(const std::string& reader) {
@@ -180,11 +171,8 @@ bool Encoder::Impl::AfterConnect(const std::string& comFunction) {
     // hides the card behind it. SetSimpleProtocol switches it to the simple
     // protocol, in which the card itself is exposed; the reader then shows up
     // again, with the card's own ATR, on a fresh connection.
-    const CError before = error;
-    std::string response;
-    std::string status;
-    command::EncoderCommand(channel, command::cmd::SetSimpleProtocol, {}, response, status, false);
-    error = before;  // whether the switch took is told by the reconnection below
+    // Whether the switch took is told by the reconnection below.
+    command::EncoderCommand(channel, command::cmd::SetSimpleProtocol);
 
     command::Trace("Disconnecting card");
     pcsc->Disconnect(channel.card, pcsc_const::LeaveCard);
@@ -255,8 +243,6 @@ void Encoder::Impl::CloseComm() noexcept {
     channel.card = 0;
     if (channel.context != 0) pcsc->ReleaseContext(channel.context);
     channel.context = 0;
-    channel.readerAuthenticated = false;
-    ClearKeyCache();
 }
 
 sceReturnCode Encoder::Impl::SelectCardInRange() {

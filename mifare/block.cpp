@@ -2,9 +2,7 @@
 
 #include <limits>
 
-#include "cipher/wipe.h"
 #include "command/error_record.h"
-#include "command/hex.h"
 
 namespace elatectwn4::mifare {
 
@@ -14,34 +12,11 @@ namespace {
 // The address is always FFh; no operation relies on it.
 constexpr std::array<std::uint8_t, 4> kValueBlockAddress{0xFF, 0x00, 0xFF, 0x00};
 
-int HexDigitValue(char c) noexcept {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    return -1;
-}
-
 [[noreturn]] void Overflow() {
     throw command::RuntimeError(command::RuntimeOverflow, "Overflow");
 }
 
 }  // namespace
-
-std::string ToHex(std::span<const std::uint8_t> bytes) {
-    std::string out;
-    out.reserve(bytes.size() * 2);
-    for (std::uint8_t b : bytes)
-        out += command::ByteHex(b);
-    return out;
-}
-
-std::uint8_t HexByteAt(std::string_view hex, std::size_t index) noexcept {
-    if (hex.size() < 2 * index + 2) return 0;
-    const int high = HexDigitValue(hex[2 * index]);
-    const int low = HexDigitValue(hex[2 * index + 1]);
-    if (high < 0 || low < 0) return 0;
-    return static_cast<std::uint8_t>(high * 16 + low);
-}
 
 Block ValueBlock(std::int32_t value) {
     Block block{};
@@ -73,11 +48,6 @@ Block SectorTrailer::ToBlock() const noexcept {
     block[8] = access[2];
     block[9] = bx;
     return block;
-}
-
-void SectorTrailer::Wipe() noexcept {
-    cipher::SecureWipeObject(keyA);
-    cipher::SecureWipeObject(keyB);
 }
 
 std::int32_t CheckedLong(std::int64_t value) {

@@ -6,49 +6,28 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <optional>
-#include <span>
-#include <string>
-#include <string_view>
+
+#include "cipher/secret.h"
 
 namespace elatectwn4::mifare {
 
 inline constexpr std::size_t BlockSize = 16;
 inline constexpr std::size_t KeySize = 6;
-inline constexpr std::size_t BlockHexDigits = 2 * BlockSize;
 
-using Block = std::array<std::uint8_t, BlockSize>;
-using MifareKey = std::array<std::uint8_t, KeySize>;
+/// Blocks and keys are key material: they wipe themselves.
+using Block = cipher::DataBlock;
+using MifareKey = cipher::MifareKey;
 
 /// Reader slot every key is loaded into before an authentication.
 inline constexpr std::int32_t ReaderKeySlot = 1;
 
-/// Exactly 2 * N hex digits (blanks allowed, either case) as N bytes.
-template <std::size_t N>
-std::optional<std::array<std::uint8_t, N>> ParseHexBytes(std::string_view text) {
-    std::array<std::uint8_t, N> out{};
-    std::size_t digits = 0;
-    for (char c : text) {
-        if (c == ' ') continue;
-        int value = -1;
-        if (c >= '0' && c <= '9') value = c - '0';
-        if (c >= 'A' && c <= 'F') value = c - 'A' + 10;
-        if (c >= 'a' && c <= 'f') value = c - 'a' + 10;
-        if (value < 0 || digits >= 2 * N) return std::nullopt;
-        out[digits / 2] = static_cast<std::uint8_t>((out[digits / 2] << 4) | value);
-        ++digits;
-    }
-    if (digits != 2 * N) return std::nullopt;
-    return out;
+/// The last block of a sector, the one that holds its keys: every fourth
+/// block among the 4-block sectors (blocks 0..127), every sixteenth in the
+/// 16-block sectors of a 4K card.
+constexpr bool IsSectorTrailer(std::int32_t block) noexcept {
+    if (block < 0) return false;
+    return block < 128 ? block % 4 == 3 : block % 16 == 15;
 }
-
-/// Contiguous upper-case hex digits.
-std::string ToHex(std::span<const std::uint8_t> bytes);
-
-/// Byte `index` (0-based) of contiguous hex text; a byte the text does not
-/// hold (too short, not hex) reads as 0, as the host platform's "&h" reading
-/// of an empty or broken pair did.
-std::uint8_t HexByteAt(std::string_view hex, std::size_t index) noexcept;
 
 /// The value block for `value`: value, its inverse, the value again, then
 /// the address byte FFh with its inverse, twice. Throws
@@ -61,14 +40,12 @@ using AccessBytes = std::array<std::uint8_t, 3>;
 
 /// The last block of a sector.
 struct SectorTrailer {
-    MifareKey keyA{};
+    MifareKey keyA;
     AccessBytes access{};
     std::uint8_t bx = 0;  ///< byte 9, free for the host
-    MifareKey keyB{};
+    MifareKey keyB;
 
     Block ToBlock() const noexcept;
-    ~SectorTrailer() { Wipe(); }
-    void Wipe() noexcept;
 };
 
 /// A 32-bit result of block arithmetic; throws command::RuntimeError

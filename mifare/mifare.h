@@ -9,6 +9,7 @@
 #include <string>
 
 #include "command/channel.h"
+#include "elatectwn4/error.h"
 #include "elatectwn4/types.h"
 #include "elatectwn4/variant.h"
 
@@ -20,12 +21,13 @@ using AccessConditionTable = std::array<std::string, 9>;
 
 /// What the MIFARE members need from the Encoder they run in.
 struct Context {
-    command::Channel& channel;  ///< transmission and the error record
+    command::Channel& channel;
+    CError& error;  ///< the Encoder's record
     AccessConditionTable& accessConditions;
     std::function<sceReturnCode()> selectCardInRange;  ///< the session's card check; empty = none
 };
 
-// Every member below reports through *channel.error and returns sceSuccess or
+// Every member below reports through ctx.error and returns sceSuccess or
 // sceError; the names of the arguments are those the host knows. A member
 // that fails in a card exchange keeps what the command layer recorded (the
 // command, the status word) and names itself in ComFunction; the key-loading
@@ -39,7 +41,7 @@ sceReturnCode MifareAuthenticate(Context& ctx, std::uint8_t keyType, std::int32_
                                  std::int32_t keySlot);
 
 /// Reads one block into BlocContents as 32 hex digits ("" on failure).
-///   ctx.channel.error names "MifareReadDataBloc" or the authentication step.
+///   ctx.error names "MifareReadDataBloc" or the authentication step.
 ///   Example: MifareReadDataBloc(ctx, 4, "FFFFFFFFFFFF", 0, contents).
 sceReturnCode MifareReadDataBloc(Context& ctx, std::int32_t BlocNumber, const std::string& Key, std::uint8_t KeyType,
                                  std::string& BlocContents);

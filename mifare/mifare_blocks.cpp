@@ -1,15 +1,14 @@
 // Key loading, authentication and the block members.
 #include <algorithm>
 #include <string>
-#include <variant>
 
-#include "cipher/wipe.h"
+#include "cipher/bytes.h"
 #include "command/encoder_command.h"
 #include "command/error_record.h"
-#include "command/hex.h"
 #include "mifare/block.h"
 #include "mifare/mifare.h"
 #include "mifare/record.h"
+#include "mifare/steps.h"
 
 namespace elatectwn4::mifare {
 
@@ -20,27 +19,15 @@ using command::cmd::LoadKey;
 using command::cmd::ReadBinary;
 using command::cmd::WriteBinary;
 
-// Val("&h" + up to 8 leading digits) of the host platform: up to four digits
-// read as a 16-bit Integer, more as a 32-bit Long, both two's complement;
-// reading stops at the first character that is not a hex digit.
-std::int32_t LeadingHexValue(std::string_view digits) noexcept {
+// The host platform read the serial from the block's first hex digits (up
+// to eight): up to four digits as a 16-bit Integer, more as a 32-bit Long,
+// both two's complement. A short answer gives fewer digits.
+std::int32_t SerialOf(const cipher::SecretBuffer& data) noexcept {
+    const std::size_t bytes = std::min<std::size_t>(data.size(), 4);
     std::uint32_t value = 0;
-    std::size_t count = 0;
-    for (char c : digits.substr(0, 8)) {
-        std::uint32_t digit = 0;
-        if (c >= '0' && c <= '9') {
-            digit = static_cast<std::uint32_t>(c - '0');
-        } else if (c >= 'A' && c <= 'F') {
-            digit = static_cast<std::uint32_t>(c - 'A' + 10);
-        } else if (c >= 'a' && c <= 'f') {
-            digit = static_cast<std::uint32_t>(c - 'a' + 10);
-        } else {
-            break;
-        }
-        value = (value << 4) | digit;
-        ++count;
-    }
-    if (count <= 4) return static_cast<std::int16_t>(static_cast<std::uint16_t>(value));
+    for (std::size_t i = 0; i < bytes; ++i)
+        value = value << 8 | data[i];
+    if (bytes <= 2) return static_cast<std::int16_t>(static_cast<std::uint16_t>(value));
     return static_cast<std::int32_t>(value);
 }
 
@@ -48,19 +35,40 @@ std::int32_t LeadingHexValue(std::string_view digits) noexcept {
 
 sceReturnCode MifareAuthenticate(Context& ctx, std::uint8_t keyType, std::int32_t blocNumber, const std::string& key,
                                  std::int32_t keySlot) {
-    std::string response;
-    std::string sw1sw2;
-    command::Params loadKey{std::int64_t{keyType}, std::int64_t{keySlot}, key};
-    const sceReturnCode loaded = command::EncoderCommand(ctx.channel, LoadKey, loadKey, response, sw1sw2, false);
-    cipher::SecureWipe(std::get<std::string>(loadKey[2]));
-    if (loaded != sceSuccess) {
-        NameFailure(ctx, "MifareAuthenticate:LoadKey");
+    // The command table hides LoadKey's key from the trace.
+    const command::Outcome loaded =
+        command::EncoderCommand(ctx.channel, LoadKey, {keyType, keySlot, std::string_view(key)});
+    if (!loaded.ok()) {
+        command::RecordFailure(Record(ctx), loaded, "MifareAuthenticate:LoadKey");
         return sceError;
     }
-    const command::Params authenticate{std::int64_t{blocNumber}, std::int64_t{keyType}, std::int64_t{keySlot}};
-    if (command::EncoderCommand(ctx.channel, GeneralAuthenticate, authenticate, response, sw1sw2, false) !=
-        sceSuccess) {
-        NameFailure(ctx, "MifareAuthenticate");
+    const command::Outcome authenticated =
+        command::EncoderCommand(ctx.channel, GeneralAuthenticate, {blocNumber, keyType, keySlot});
+    if (!authenticated.ok()) {
+        command::RecordFailure(Record(ctx), authenticated, "MifareAuthenticate");
+        return sceError;
+    }
+    return sceSuccess;
+}
+
+std::optional<cipher::SecretBuffer> ReadBlock(Context& ctx, std::int32_t block, const std::string& key,
+                                              std::uint8_t keyType, bool holdsKeys, const std::string& comFunction) {
+    if (MifareAuthenticate(ctx, keyType, block, key, ReaderKeySlot) != sceSuccess) return std::nullopt;
+    command::Outcome read = command::EncoderCommand(ctx.channel, ReadBinary, {block}, {.secretAnswer = holdsKeys});
+    if (!read.ok()) {
+        command::RecordFailure(Record(ctx), read, comFunction);
+        return std::nullopt;
+    }
+    return std::move(read.data);
+}
+
+sceReturnCode WriteBlock(Context& ctx, std::int32_t block, const std::string& key, std::uint8_t keyType,
+                         const Block& data, bool holdsKeys, const std::string& comFunction) {
+    if (MifareAuthenticate(ctx, keyType, block, key, ReaderKeySlot) != sceSuccess) return sceError;
+    const command::Outcome written = command::EncoderCommand(ctx.channel, WriteBinary, {block, cipher::ByteView(data)},
+                                                             {.secretFrom = holdsKeys ? "[DATA]" : std::string_view{}});
+    if (!written.ok()) {
+        command::RecordFailure(Record(ctx), written, comFunction);
         return sceError;
     }
     return sceSuccess;
@@ -71,16 +79,9 @@ sceReturnCode MifareReadDataBloc(Context& ctx, std::int32_t BlocNumber, const st
     static const std::string kName = "MifareReadDataBloc";
     command::ClearError(Record(ctx), kName);
     BlocContents.clear();
-    if (MifareAuthenticate(ctx, KeyType, BlocNumber, Key, ReaderKeySlot) != sceSuccess) return sceError;
-
-    std::string response;
-    std::string sw1sw2;
-    if (command::EncoderCommand(ctx.channel, ReadBinary, {std::int64_t{BlocNumber}}, response, sw1sw2, false) !=
-        sceSuccess) {
-        NameFailure(ctx, kName);
-        return sceError;
-    }
-    BlocContents = command::BytesToHex(response);
+    const auto data = ReadBlock(ctx, BlocNumber, Key, KeyType, IsSectorTrailer(BlocNumber), kName);
+    if (!data) return sceError;
+    BlocContents = cipher::ToHex(data->view());
     command::ClearError(Record(ctx), kName);
     return sceSuccess;
 }
@@ -89,23 +90,14 @@ sceReturnCode MifareWriteDataBloc(Context& ctx, std::int32_t BlocNumber, const s
                                   std::string& BlocContents) {
     static const std::string kName = "MifareWriteDataBloc";
     command::ClearError(Record(ctx), kName);
-    auto block = ParseHexBytes<BlockSize>(BlocContents);
-    if (!block) {
+    Block block;
+    if (!cipher::DecodeHexExactly(BlocContents, block)) {
         command::Fail(Record(ctx), ErrorNumber::BlockMustBe32Hex, kName);
         return sceError;
     }
     // The argument is passed by reference: the caller gets the normalised text back.
-    BlocContents = ToHex(*block);
-    if (MifareAuthenticate(ctx, KeyType, BlocNumber, Key, ReaderKeySlot) != sceSuccess) return sceError;
-
-    std::string response;
-    std::string sw1sw2;
-    const command::Params write{std::int64_t{BlocNumber}, ToHex(*block)};
-    if (command::EncoderCommand(ctx.channel, WriteBinary, write, response, sw1sw2, false) != sceSuccess) {
-        NameFailure(ctx, kName);
-        return sceError;
-    }
-    return sceSuccess;
+    BlocContents = cipher::ToHex(block);
+    return WriteBlock(ctx, BlocNumber, Key, KeyType, block, IsSectorTrailer(BlocNumber), kName);
 }
 
 sceReturnCode MifareReadManufacturerCode(Context& ctx, const std::string& Key, std::uint8_t KeyType,
@@ -113,19 +105,19 @@ sceReturnCode MifareReadManufacturerCode(Context& ctx, const std::string& Key, s
                                          std::string& ManufacturerInfo) {
     static const std::string kName = "MifareReadManufacturerCode";
     constexpr std::int32_t kManufacturerBlock = 0;
+    constexpr std::size_t kCheckByte = 4;
     SerialNumber = 0;
     CheckSum = 0;
     command::ClearError(Record(ctx), kName);
 
-    std::string block;
-    if (MifareReadDataBloc(ctx, kManufacturerBlock, Key, KeyType, block) != sceSuccess) {
+    const auto data = ReadBlock(ctx, kManufacturerBlock, Key, KeyType, false, kName);
+    if (!data) {
         NameFailure(ctx, kName);
         return sceError;
     }
-    const std::string_view digits = block;
-    SerialNumber = LeadingHexValue(digits.substr(0, 8));
-    CheckSum = static_cast<std::uint8_t>(LeadingHexValue(digits.substr(std::min<std::size_t>(8, digits.size()), 2)));
-    ManufacturerInfo = block.size() > 10 ? block.substr(10) : std::string{};
+    SerialNumber = SerialOf(*data);
+    CheckSum = ByteAt(*data, kCheckByte);
+    ManufacturerInfo = data->size() > kCheckByte ? cipher::ToHex(data->view().subspan(kCheckByte + 1)) : std::string{};
     command::ClearError(Record(ctx), kName);
     return sceSuccess;
 }
@@ -134,15 +126,14 @@ sceReturnCode MifareWriteValueBloc(Context& ctx, std::int32_t BlocNumber, const 
                                    std::int32_t Value) {
     static const std::string kName = "MifareWriteValueBloc";
     command::ClearError(Record(ctx), kName);
-    Block block{};
+    Block block;
     try {
         block = ValueBlock(Value);
     } catch (...) {
         command::RecordRuntimeError(Record(ctx), kName);
         return sceError;
     }
-    std::string text = ToHex(block);
-    if (MifareWriteDataBloc(ctx, BlocNumber, Key, KeyType, text) != sceSuccess) {
+    if (WriteBlock(ctx, BlocNumber, Key, KeyType, block, IsSectorTrailer(BlocNumber), kName) != sceSuccess) {
         NameFailure(ctx, kName);
         return sceError;
     }
@@ -158,8 +149,9 @@ sceReturnCode MifareWriteBytesInBloc(Context& ctx, std::int32_t BlocNumber, cons
 
     // The block is read before the offsets are looked at: a bad offset is
     // reported only once the sector has been opened.
-    std::string old;
-    if (MifareReadDataBloc(ctx, BlocNumber, Key, KeyType, old) != sceSuccess || old.size() != BlockHexDigits) {
+    const bool holdsKeys = IsSectorTrailer(BlocNumber);
+    const auto old = ReadBlock(ctx, BlocNumber, Key, KeyType, holdsKeys, kName);
+    if (!old || old->size() != BlockSize) {
         FailUnlessNumbered(ctx, ErrorNumber::ReadError, kName);
         return sceError;
     }
@@ -168,14 +160,20 @@ sceReturnCode MifareWriteBytesInBloc(Context& ctx, std::int32_t BlocNumber, cons
         return sceError;
     }
 
-    const std::size_t from = FromByte;
-    const std::size_t to = ToByte;
-    const std::size_t digits = 2 * (to - from + 1);
-    BlocContents = (BlocContents + std::string(BlockHexDigits, '0')).substr(0, digits);
-
-    std::string spliced = old.substr(0, 2 * from) + BlocContents;
-    if (to + 1 < BlockSize) spliced += old.substr(2 * to + 2);
-    if (MifareWriteDataBloc(ctx, BlocNumber, Key, KeyType, spliced) != sceSuccess) {
+    // The new bytes are the given text cut or padded with "0" to fit; the
+    // caller sees that text. Only hex digits make a block of it: a blank or
+    // any other character leaves the written text short of 32 digits.
+    const std::size_t count = ToByte - FromByte + 1u;
+    BlocContents = (BlocContents + std::string(2 * BlockSize, '0')).substr(0, 2 * count);
+    Block block(std::span<const std::uint8_t, BlockSize>(old->data(), BlockSize));
+    constexpr cipher::HexSyntax kDigitsOnly{[](char) { return false; }};
+    const std::span<std::uint8_t> spliced(block.data() + FromByte, count);
+    if (cipher::CountHexDigits(BlocContents, kDigitsOnly) != 2 * count ||
+        !cipher::DecodeHex(BlocContents, spliced, kDigitsOnly)) {
+        command::Fail(Record(ctx), ErrorNumber::BlockMustBe32Hex, kName);
+        return sceError;
+    }
+    if (WriteBlock(ctx, BlocNumber, Key, KeyType, block, holdsKeys, kName) != sceSuccess) {
         FailUnlessNumbered(ctx, ErrorNumber::WriteError, kName);
         return sceError;
     }

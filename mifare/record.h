@@ -9,7 +9,7 @@
 namespace elatectwn4::mifare {
 
 inline CError& Record(Context& ctx) noexcept {
-    return *ctx.channel.error;
+    return ctx.error;
 }
 
 /// The step that failed has filled the record; the member only puts its own

@@ -3,12 +3,13 @@
 #include <array>
 #include <string>
 
-#include "cipher/wipe.h"
+#include "cipher/bytes.h"
 #include "command/error_record.h"
 #include "mifare/access_bits.h"
 #include "mifare/block.h"
 #include "mifare/mifare.h"
 #include "mifare/record.h"
+#include "mifare/steps.h"
 #include "mifare/variant_byte.h"
 
 namespace elatectwn4::mifare {
@@ -27,9 +28,10 @@ bool IsSecurityInRange(std::int32_t value) noexcept {
     return value >= kKeepCondition && value <= kHighestSecurity;
 }
 
-AccessBytes AccessBytesOf(std::string_view trailerHex) noexcept {
-    return {HexByteAt(trailerHex, kAccessByteIndex), HexByteAt(trailerHex, kAccessByteIndex + 1),
-            HexByteAt(trailerHex, kAccessByteIndex + 2)};
+// A short answer leaves the bytes it lacks at 0.
+AccessBytes AccessBytesOf(const cipher::SecretBuffer& trailer) noexcept {
+    return {ByteAt(trailer, kAccessByteIndex), ByteAt(trailer, kAccessByteIndex + 1),
+            ByteAt(trailer, kAccessByteIndex + 2)};
 }
 
 }  // namespace
@@ -50,14 +52,10 @@ sceReturnCode MifareWriteSectorTrailer(Context& ctx, std::int32_t SectorNumber, 
     command::ClearError(Record(ctx), kName);
 
     SectorTrailer trailer;
-    const auto keyA = ParseHexBytes<KeySize>(KeyA);
-    const auto keyB = keyA ? ParseHexBytes<KeySize>(KeyB) : std::nullopt;
-    if (!keyA || !keyB) {
+    if (!cipher::DecodeHexExactly(KeyA, trailer.keyA) || !cipher::DecodeHexExactly(KeyB, trailer.keyB)) {
         command::Fail(Record(ctx), ErrorNumber::KeyMustBe12Hex, kName);
         return sceError;
     }
-    trailer.keyA = *keyA;
-    trailer.keyB = *keyB;
 
     for (const std::int32_t security : {Security0, Security1, Security2, Conditions}) {
         if (!IsSecurityInRange(security)) {
@@ -86,10 +84,10 @@ sceReturnCode MifareWriteSectorTrailer(Context& ctx, std::int32_t SectorNumber, 
 
     // The current trailer gives the access bits of the blocks the host keeps
     // (-1), the key scheme when KeysToUse is 0, and BX when none is given.
-    std::string current;
-    // A trailer read back can hold key B in clear.
-    const cipher::WipeOnExit currentWiped(current);
-    if (MifareReadDataBloc(ctx, trailerBlock, Key, KeyType, current) != sceSuccess) {
+    // Whatever the block's place in the sector, it is read and written here
+    // as a trailer: it takes keys.
+    const auto current = ReadBlock(ctx, trailerBlock, Key, KeyType, true, kName);
+    if (!current) {
         NameFailure(ctx, kName);
         return sceError;
     }
@@ -105,7 +103,7 @@ sceReturnCode MifareWriteSectorTrailer(Context& ctx, std::int32_t SectorNumber, 
     }
     const std::uint8_t keyScheme = KeysToUse == 0 ? keysUsed : KeysToUse;
 
-    trailer.access = AccessBytesOf(current);
+    trailer.access = AccessBytesOf(*current);
     const std::array<sceReturnCode, 4> encoded{
         EncodeDataBlockCondition(ctx.accessConditions, Security0, keyScheme, MaskOfBlock(0), trailer.access),
         EncodeDataBlockCondition(ctx.accessConditions, Security1, keyScheme, MaskOfBlock(1), trailer.access),
@@ -120,12 +118,7 @@ sceReturnCode MifareWriteSectorTrailer(Context& ctx, std::int32_t SectorNumber, 
     }
     trailer.bx = givenBx.value_or(currentBx);
 
-    Block block = trailer.ToBlock();
-    std::string text = ToHex(block);
-    cipher::SecureWipeObject(block);
-    const sceReturnCode written = MifareWriteDataBloc(ctx, trailerBlock, Key, KeyType, text);
-    cipher::SecureWipe(text);
-    if (written != sceSuccess) {
+    if (WriteBlock(ctx, trailerBlock, Key, KeyType, trailer.ToBlock(), true, kName) != sceSuccess) {
         NameFailure(ctx, kName);
         return sceError;
     }
@@ -164,15 +157,14 @@ sceReturnCode MifareReadSectorTrailer(Context& ctx, std::int32_t SectorNumber, c
         NameFailure(ctx, kName);
         return sceError;
     }
-    std::string text;
-    const cipher::WipeOnExit textWiped(text);
-    if (MifareReadDataBloc(ctx, trailerBlock, Key, KeyType, text) != sceSuccess) {
+    const auto trailer = ReadBlock(ctx, trailerBlock, Key, KeyType, true, kName);
+    if (!trailer) {
         NameFailure(ctx, kName);
         return sceError;
     }
 
-    const AccessBytes access = AccessBytesOf(text);
-    BX = HexByteAt(text, kBxByteIndex);
+    const AccessBytes access = AccessBytesOf(*trailer);
+    BX = ByteAt(*trailer, kBxByteIndex);
     Security0 = DataBlockSecurityOf(ConditionOfBlock(access, 0));
     Security1 = DataBlockSecurityOf(ConditionOfBlock(access, 1));
     Security2 = DataBlockSecurityOf(ConditionOfBlock(access, 2));

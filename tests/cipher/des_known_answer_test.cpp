@@ -47,13 +47,6 @@ TEST(DesKnownAnswers, EverySingleBlockVectorEnciphersAndDeciphers) {
 constexpr const char* kFips81Plain =
     "4E6F7720 69732074 68652074 696D6520 666F7220 616C6C20";  // "Now is the time for all "
 
-TEST(DesKnownAnswers, Fips81ElectronicCodebookExample) {
-    DES des;
-    des.Keys(1, "01 23 45 67 89 AB CD EF");
-    EXPECT_EQ(des.Encrypt(kFips81Plain, 0x0000),
-              Value("3F A4 0E 8A 98 4D 48 15 6A 27 17 87 AB 88 83 F9 89 3D 51 EC 4B 56 3B 53"));
-}
-
 TEST(DesKnownAnswers, Fips81CipherBlockChainingExampleBothWays) {
     DES des;
     des.Keys(1, "0123456789abcdef");
@@ -86,6 +79,20 @@ TEST(DesKnownAnswers, Fips81ExampleWithMethodTwoPaddingAddsOneEncipheredBlock) {
                             "CA EE 53 4C 52 3E 1E 79"));
     EXPECT_EQ(des.Decrypt(cipher, DES::kPadIso9797Method2),
               Value("4E 6F 77 20 69 73 20 74 68 65 20 74 69 6D 65 20 66 6F 72 20 61 6C 6C 20"));
+}
+
+TEST(DesPadding, DecipheringTakesOffAMarkerInTheLastBlockOnly) {
+    DES des;
+    des.Keys(1, "0123456789ABCDEF");
+    const std::pair<const char*, const char*> rows[] = {
+        {"0102030405800000", "0102030405"},
+        {"8000000000000000", ""},
+        {"0102030405060708", "0102030405060708"},                                  // no marker
+        {"0102030405060000", "0102030405060000"},                                  // zeros without a marker
+        {"80000000000000000000000000000000", "80000000000000000000000000000000"},  // marker not in the last block
+    };
+    for (const auto& [plain, afterRemoval] : rows)
+        EXPECT_EQ(des.Decrypt(des.Encrypt(plain, 0), DES::kPadIso9797Method2), Value(afterRemoval)) << plain;
 }
 
 }  // namespace

@@ -4,9 +4,9 @@
 #include <gtest/gtest.h>
 #include <openssl/des.h>
 
+#include <algorithm>
 #include <array>
 #include <random>
-#include <vector>
 
 #include "cipher/des.h"
 #include "cipher_test_util.h"
@@ -17,7 +17,7 @@ namespace {
 using testing::FromHex;
 using testing::RandomBytes;
 using testing::ToHex;
-using Bytes = std::vector<std::uint8_t>;
+using Bytes = ByteArray;
 
 constexpr int kRounds = 300;
 
@@ -123,55 +123,32 @@ protected:
     DES des_;
 };
 
-TEST_P(DesAgainstOpenSsl, EcbAndCbcMatchInBothDirectionsWithZeroFill) {
+// Zero fill or method-2 padding, with ECB, CBC, DESFire send mode and the MAC.
+TEST_P(DesAgainstOpenSsl, EveryModeMatchesInBothDirections) {
+    constexpr std::int32_t kPad = DES::kPadIso9797Method2;
     for (int round = 0; round < kRounds; ++round) {
         NewKeys();
         Reference ref = Ref();
         const Bytes message = Message();
         const Bytes full = ZeroFill(message);
+        const Bytes padded = PadMethod2(message);
         SCOPED_TRACE(ToHex(message));
         EXPECT_EQ(Run(false, message, DES::kEcb), ref.Ecb(full, DES_ENCRYPT));
         EXPECT_EQ(Run(true, message, DES::kEcb), ref.Ecb(full, DES_DECRYPT));
         EXPECT_EQ(Run(false, message, DES::kCbc), ref.Cbc(full, iv_, DES_ENCRYPT));
         EXPECT_EQ(Run(true, message, DES::kCbc), ref.Cbc(full, iv_, DES_DECRYPT));
-    }
-}
 
-TEST_P(DesAgainstOpenSsl, MethodTwoPaddingIsAddedWhenEncipheringAndRemovedWhenDeciphering) {
-    for (int round = 0; round < kRounds; ++round) {
-        NewKeys();
-        Reference ref = Ref();
-        const Bytes message = Message();
-        SCOPED_TRACE(ToHex(message));
-        const Bytes ecb = ref.Ecb(PadMethod2(message), DES_ENCRYPT);
-        const Bytes cbc = ref.Cbc(PadMethod2(message), iv_, DES_ENCRYPT);
-        EXPECT_EQ(Run(false, message, DES::kEcb | DES::kPadIso9797Method2), ecb);
-        EXPECT_EQ(Run(false, message, DES::kCbc | DES::kPadIso9797Method2), cbc);
-        EXPECT_EQ(Run(true, ecb, DES::kEcb | DES::kPadIso9797Method2), message);
-        EXPECT_EQ(Run(true, cbc, DES::kCbc | DES::kPadIso9797Method2), message);
-    }
-}
+        const Bytes ecb = ref.Ecb(padded, DES_ENCRYPT);
+        const Bytes cbc = ref.Cbc(padded, iv_, DES_ENCRYPT);
+        EXPECT_EQ(Run(false, message, DES::kEcb | kPad), ecb);
+        EXPECT_EQ(Run(false, message, DES::kCbc | kPad), cbc);
+        EXPECT_EQ(Run(true, ecb, DES::kEcb | kPad), message);
+        EXPECT_EQ(Run(true, cbc, DES::kCbc | kPad), message);
 
-TEST_P(DesAgainstOpenSsl, SendModeDeciphersEachBlockXoredWithThePreviousOutput) {
-    for (int round = 0; round < kRounds; ++round) {
-        NewKeys();
-        Reference ref = Ref();
-        const Bytes message = Message();
-        SCOPED_TRACE(ToHex(message));
-        EXPECT_EQ(Run(true, message, DES::kSendMode), ref.Send(ZeroFill(message), iv_));
-        EXPECT_EQ(Run(true, message, DES::kSendMode | DES::kPadIso9797Method2), ref.Send(PadMethod2(message), iv_));
-    }
-}
-
-TEST_P(DesAgainstOpenSsl, MacModeIsCbcEncipheringOfThePaddedData) {
-    for (int round = 0; round < kRounds; ++round) {
-        NewKeys();
-        Reference ref = Ref();
-        const Bytes message = Message();
-        SCOPED_TRACE(ToHex(message));
-        EXPECT_EQ(Run(true, message, DES::kMac), ref.Cbc(ZeroFill(message), iv_, DES_ENCRYPT));
-        EXPECT_EQ(Run(true, message, DES::kMac | DES::kPadIso9797Method2),
-                  ref.Cbc(PadMethod2(message), iv_, DES_ENCRYPT));
+        EXPECT_EQ(Run(true, message, DES::kSendMode), ref.Send(full, iv_));
+        EXPECT_EQ(Run(true, message, DES::kSendMode | kPad), ref.Send(padded, iv_));
+        EXPECT_EQ(Run(true, message, DES::kMac), ref.Cbc(full, iv_, DES_ENCRYPT));
+        EXPECT_EQ(Run(true, message, DES::kMac | kPad), cbc);
     }
 }
 
@@ -181,55 +158,45 @@ INSTANTIATE_TEST_SUITE_P(Algorithms, DesAgainstOpenSsl, ::testing::ValuesIn(kSet
 });
 
 // The legacy DESFire authentication as the component runs it, in text forms,
-// against a card whose side is computed with OpenSSL: the card enciphers RndB,
-// the host answers in send mode, the card checks it by enciphering what it
-// received (x_i = E(y_i) ^ y_i-1) and proves RndA' back.
+// against a card computed with OpenSSL: the card enciphers RndB, the host
+// answers in send mode, the card takes that back by enciphering (x_i =
+// E(y_i) ^ y_i-1) and proves RndA' back.
 TEST(DesfireAuthentication, HostSideAgreesWithACardComputedByOpenSsl) {
+    const auto rotated = [](Bytes b) {
+        std::rotate(b.begin(), b.begin() + 1, b.end());
+        return b;
+    };
+    const auto asAnswer = [](const Bytes& b) { return Value(std::string(b.begin(), b.end())); };
     std::mt19937 random(2024);
     for (int round = 0; round < 50; ++round) {
-        const bool triple = round % 2 == 1;
+        const std::int32_t algorithm = round % 2;  // single DES, then two-key Triple-DES
         const Bytes k1 = RandomBytes(random, 8);
-        const Bytes k2 = triple ? RandomBytes(random, 8) : k1;
+        const Bytes k2 = algorithm == DES::kTripleDes ? RandomBytes(random, 8) : k1;
         Reference card(true, {k1, k2, k1});
-        const Bytes zero(8, 0);
-
-        const Bytes rndB = RandomBytes(random, 8);
-        const Bytes rndA = RandomBytes(random, 8);
-        const Bytes cardChallenge = card.Cbc(rndB, zero, DES_ENCRYPT);
+        const Bytes zero(8, 0), rndA = RandomBytes(random, 8), rndB = RandomBytes(random, 8);
 
         DES des;
         des.InitVector("00 00 00 00 00 00 00 00");
         des.Keys(1, DES::ConvertData(ToHex(k1), 256));
         des.Keys(2, DES::ConvertData(ToHex(k2), 256));
         des.Keys(3, DES::ConvertData(ToHex(k1), 256));
-        const std::int32_t algorithm = triple ? 1 : 0;
+        const Value challenge = DES::ConvertData(asAnswer(card.Cbc(rndB, zero, DES_ENCRYPT)), 1536);
+        ASSERT_EQ(des.Decrypt(challenge, algorithm | 0x1000), Value(ToHex(rndB, true)));
 
-        const std::string answer(cardChallenge.begin(), cardChallenge.end());  // byte string, as the card answered
-        const Value decipheredB = des.Decrypt(DES::ConvertData(answer, 1536), algorithm | 0x1000);
-        ASSERT_EQ(decipheredB, Value(ToHex(rndB, true)));
-
-        Bytes rotatedB(rndB.begin() + 1, rndB.end());
-        rotatedB.push_back(rndB[0]);
         Bytes token = rndA;
+        const Bytes rotatedB = rotated(rndB);
         token.insert(token.end(), rotatedB.begin(), rotatedB.end());
-        const Value sent = des.Decrypt(DES::ConvertData(ToHex(token), 256), algorithm | 0x2000);
-        const Bytes sentBytes = FromHex(sent.Text());
-        ASSERT_EQ(sentBytes.size(), 16u);
-
-        // The card's receive direction: enciphering, then XOR with the previous cryptogram.
+        const Bytes sent = FromHex(des.Decrypt(DES::ConvertData(ToHex(token), 256), algorithm | 0x2000).Text());
+        ASSERT_EQ(sent.size(), 16u);
         Bytes received(16);
-        card.Block(&sentBytes[0], &received[0], DES_ENCRYPT);
-        card.Block(&sentBytes[8], &received[8], DES_ENCRYPT);
+        card.Block(&sent[0], &received[0], DES_ENCRYPT);
+        card.Block(&sent[8], &received[8], DES_ENCRYPT);
         for (int j = 0; j < 8; ++j)
-            received[8 + j] ^= sentBytes[j];
+            received[8 + j] ^= sent[j];
         EXPECT_EQ(received, token);
 
-        Bytes rotatedA(rndA.begin() + 1, rndA.end());
-        rotatedA.push_back(rndA[0]);
-        const Bytes proof = card.Cbc(rotatedA, zero, DES_ENCRYPT);
-        const Value decipheredA =
-            des.Decrypt(DES::ConvertData(std::string(proof.begin(), proof.end()), 1536), algorithm | 0x1000);
-        EXPECT_EQ(decipheredA, Value(ToHex(rotatedA, true)));
+        const Value proof = DES::ConvertData(asAnswer(card.Cbc(rotated(rndA), zero, DES_ENCRYPT)), 1536);
+        EXPECT_EQ(des.Decrypt(proof, algorithm | 0x1000), Value(ToHex(rotated(rndA), true)));
     }
 }
 

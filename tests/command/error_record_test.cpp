@@ -8,6 +8,7 @@
 #include <string>
 
 #include "cipher/des_error.h"
+#include "command/outcome.h"
 #include "support/record_text.h"
 
 namespace elatectwn4::command {
@@ -28,14 +29,10 @@ TEST(SetError, WritesOnlyTheMembersGiven) {
         {{}, RecordText(11, "Old description", 0x16, "OldFunction", "OldCommand", "OldCode")},
         {{.number = 0x90010F04, .description = "Encoder command failed"},
          RecordText(0x90010F04, "Encoder command failed", 0x16, "OldFunction", "OldCommand", "OldCode")},
-        {{.lastDllError = 0x80100069},
-         RecordText(11, "Old description", 0x80100069, "OldFunction", "OldCommand", "OldCode")},
-        {{.comFunction = "MifareReadDataBloc"},
-         RecordText(11, "Old description", 0x16, "MifareReadDataBloc", "OldCommand", "OldCode")},
-        {{.rdrCommand = "SCardConnect", .rdrRetCode = "9D"},
-         RecordText(11, "Old description", 0x16, "OldFunction", "SCardConnect", "9D")},
-        // Empty texts are values like any other.
-        {{.description = "", .rdrRetCode = ""}, RecordText(11, "", 0x16, "OldFunction", "OldCommand", "")},
+        {{.lastDllError = 0x80100069, .comFunction = "MifareReadDataBloc"},
+         RecordText(11, "Old description", 0x80100069, "MifareReadDataBloc", "OldCommand", "OldCode")},
+        {{.description = "", .rdrCommand = "SCardConnect", .rdrRetCode = ""},
+         RecordText(11, "", 0x16, "OldFunction", "SCardConnect", "")},
     };
     for (const Case& c : cases) {
         CError record = Filled();
@@ -44,26 +41,11 @@ TEST(SetError, WritesOnlyTheMembersGiven) {
     }
 }
 
-TEST(SetError, NumbersReadBackAsSigned32BitValues) {
-    struct Case {
-        std::int64_t written;
-        std::int32_t read;
-    };
-    const Case cases[] = {
-        {0x90010F01, static_cast<std::int32_t>(0x90010F01LL - (1LL << 32))},
-        {0x80100069, static_cast<std::int32_t>(0x80100069LL - (1LL << 32))},
-        {0x7FFFFFFF, 0x7FFFFFFF},
-        {-1, -1},
-        {(1LL << 32) + 5, 5},  // only the low 32 bits are kept
-        {0, 0},
-    };
-    for (const Case& c : cases) {
-        CError record;
-        SetError(record, {.number = c.written, .lastDllError = c.written});
-        EXPECT_EQ(record.Number, c.read) << c.written;
-        EXPECT_EQ(record.LastDllError, c.read) << c.written;
-    }
-    EXPECT_LT(ErrorValue(ErrorNumber::EncoderClosed), 0);
+TEST(SetError, KeepsTheLow32BitsOfNumbersReadBackSigned) {
+    CError record;
+    SetError(record, {.number = 0x90010F01, .lastDllError = (1LL << 32) + 5});
+    EXPECT_EQ(record.Number, static_cast<std::int32_t>(0x90010F01LL - (1LL << 32)));
+    EXPECT_EQ(record.LastDllError, 5);
     EXPECT_EQ(ErrorValue(ErrorNumber::EncoderClosed), -1878978815);
 }
 
@@ -71,31 +53,16 @@ TEST(ClearError, EmptiesTheRecordAndNamesTheRunningOperation) {
     CError record = Filled();
     ClearError(record, "ReadSerialNumber");
     EXPECT_EQ(RecordText(record), RecordText(0, "", 0, "ReadSerialNumber", "", ""));
-    ClearError(record);
-    EXPECT_EQ(RecordText(record), RecordText(0, "", 0, "", "", ""));
 }
 
 TEST(Fail, PairsTheNumberWithItsOwnDescription) {
-    struct Case {
-        ErrorNumber number;
-        std::string description;
-    };
-    const Case cases[] = {
-        {ErrorNumber::CannotOpenContext, "Cannot open encoder"},
-        {ErrorNumber::CannotOpenReader, "Cannot open encoder"},
-        {ErrorNumber::NoChangesInBackup, "No changes in backup files, abort/commit not needed"},
-        {ErrorNumber::ValueOutOfBounds, "The value isn't between lower and upper bounds"},
-    };
-    for (const Case& c : cases) {
-        CError record = Filled();
-        Fail(record, c.number, "OpenEncoder", "SCardConnect", "No Smart Card is currently in the device.", 0x8010000C);
-        EXPECT_EQ(RecordText(record),
-                  RecordText(static_cast<std::uint32_t>(c.number), c.description, 0x8010000C, "OpenEncoder",
-                             "SCardConnect", "No Smart Card is currently in the device."));
-    }
     CError record = Filled();
-    Fail(record, ErrorNumber::NoCard, "EncoderCommand");
-    EXPECT_EQ(RecordText(record), RecordText(0x90010F06, "No card in encoder", 0, "EncoderCommand", "", ""));
+    Fail(record, ErrorNumber::CannotOpenReader, "OpenEncoder", "SCardConnect", "No Smart Card", 0x8010000C);
+    EXPECT_EQ(RecordText(record), RecordText(0x90010F03, "Cannot open encoder", 0x8010000C, "OpenEncoder",
+                                             "SCardConnect", "No Smart Card"));
+    Fail(record, ErrorNumber::NoChangesInBackup, "DESFireCommitTransaction");
+    EXPECT_EQ(RecordText(record), RecordText(0x90010E4F, "No changes in backup files, abort/commit not needed", 0,
+                                             "DESFireCommitTransaction", "", ""));
     EXPECT_EQ(ErrorDescription(static_cast<ErrorNumber>(0x90010F07)), "");
 }
 
@@ -105,22 +72,60 @@ TEST(RecordRuntimeError, TurnsEachKindOfExceptionIntoTheRecord) {
         std::string record;
     };
     const Case cases[] = {
-        {[] { throw RuntimeError(RuntimeOverflow, "Overflow"); },
-         RecordText(6, "Overflow", 0, "MifareWriteValueBloc", "", "")},
-        {[] { throw cipher::DesError("Bad key index"); },
-         RecordText(0x80040201, "Bad key index", 0, "MifareWriteValueBloc", "", "")},
-        {[] { throw std::bad_alloc(); }, RecordText(7, "Out of memory", 0, "MifareWriteValueBloc", "", "")},
-        {[] { throw std::out_of_range("index 9"); },
-         RecordText(5, "Unexpected error: index 9", 0, "MifareWriteValueBloc", "", "")},
-        {[] { throw 42; }, RecordText(5, "Unexpected error", 0, "MifareWriteValueBloc", "", "")},
+        {[] { throw RuntimeError(RuntimeOverflow, "Overflow"); }, RecordText(6, "Overflow", 0, "Member", "", "")},
+        {[] { throw cipher::DesError("Bad key index"); }, RecordText(0x80040201, "Bad key index", 0, "Member", "", "")},
+        {[] { throw std::bad_alloc(); }, RecordText(7, "Out of memory", 0, "Member", "", "")},
+        {[] { throw std::out_of_range("index 9"); }, RecordText(5, "Unexpected error: index 9", 0, "Member", "", "")},
+        {[] { throw 42; }, RecordText(5, "Unexpected error", 0, "Member", "", "")},
     };
     for (const Case& c : cases) {
         CError record = Filled();
         try {
             c.raise();
         } catch (...) {
-            RecordRuntimeError(record, "MifareWriteValueBloc");
+            RecordRuntimeError(record, "Member");
         }
+        EXPECT_EQ(RecordText(record), c.record);
+    }
+}
+
+TEST(RecordFailure, WritesWhatTheCommandCameToUnderTheMembersName) {
+    const auto outcome = [](Result result, std::optional<StatusWord> status = {}) {
+        Outcome o;
+        o.result = result;
+        o.command = "ReadBinary";
+        o.status = status;
+        return o;
+    };
+    Outcome reader = outcome(Result::ReaderFailed, StatusWord::Iso(0x91AF));
+    reader.pcscCode = 0x80100069;
+    Outcome limit = outcome(Result::AnswerRefused);
+    limit.reason = "Too many continuation frames";
+    Outcome fault = outcome(Result::Fault);
+    fault.fault = std::make_exception_ptr(RuntimeError(RuntimeOverflow, "Overflow"));
+    const std::string failed = "Encoder command failed";
+    const std::string transmit = "SCardTransmit:ReadBinary";
+    struct Case {
+        Outcome outcome;
+        std::string record;
+    };
+    const Case cases[] = {
+        {outcome(Result::Success), RecordText(11, "Old description", 0x16, "OldFunction", "OldCommand", "OldCode")},
+        {outcome(Result::EncoderClosed), RecordText(0x90010F01, "Encoder is closed", 0, "Member", "", "")},
+        {outcome(Result::NoCard), RecordText(0x90010F06, "No card in encoder", 0, "Member", "", "")},
+        {outcome(Result::CardRefused, StatusWord::Iso(0x6982)),
+         RecordText(0x90010F04, failed, 0, "Member", transmit, "6982")},
+        {outcome(Result::CardRefused, StatusWord::Native(0xAE)),
+         RecordText(0x90010F04, failed, 0, "Member", transmit, "AE")},
+        {outcome(Result::CardRefused, StatusWord{}), RecordText(0x90010F04, failed, 0, "Member", transmit, "")},
+        {reader, RecordText(0x90010F04, failed, 0, "Member", transmit,
+                            "The smart card has been removed, so that further communication is not possible.")},
+        {limit, RecordText(0x90010F04, failed, 0, "Member", transmit, "Too many continuation frames")},
+        {fault, RecordText(6, "Overflow", 0, "Member", "", "")},
+    };
+    for (const Case& c : cases) {
+        CError record = Filled();
+        RecordFailure(record, c.outcome, "Member");
         EXPECT_EQ(RecordText(record), c.record);
     }
 }

@@ -1,13 +1,7 @@
-// The trace a reconnection writes. The sink decides where lines go once per
-// process, so this executable points ELATECTWN4_TRACE at its own file before
-// anything runs.
+// The trace a reconnection writes.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -15,41 +9,23 @@
 #include "encoder_test_util.h"
 #include "support/registry_dir.h"
 #include "support/scripted_pcsc.h"
+#include "support/trace_file.h"
 
 namespace elatectwn4::test {
 namespace {
 
 using ::testing::ElementsAre;
 
-const std::filesystem::path& TraceFile() {
-    static const std::filesystem::path path =
-        std::filesystem::temp_directory_path() / ("encoder-trace-" + std::to_string(::getpid()) + ".log");
-    return path;
-}
-
-// Set before main, hence before the first line reaches the sink; the file
-// goes when the process ends (the sink keeps it open till then).
-struct TraceRedirection {
-    TraceRedirection() { ::setenv("ELATECTWN4_TRACE", TraceFile().c_str(), 1); }
-    ~TraceRedirection() {
-        std::error_code ignored;
-        std::filesystem::remove(TraceFile(), ignored);
-    }
-} const kTraceRedirection;
-
 class Trace : public ::testing::Test {
 protected:
-    // Emptied in place: the sink appends to the file it opened.
-    void SetUp() override { std::ofstream(TraceFile(), std::ios::trunc).flush(); }
+    void SetUp() override { ClearTrace(); }
 
     // The session's own lines; the command layer's "Sending"/"Received" lines
     // are that layer's business.
     static std::vector<std::string> SessionLines() {
-        std::ifstream file(TraceFile());
         std::vector<std::string> lines;
-        for (std::string line; std::getline(file, line);) {
-            if (line.starts_with("Sending ") || line.starts_with("Received: ")) continue;
-            lines.push_back(line);
+        for (std::string& line : TraceLines()) {
+            if (!line.starts_with("Sending ") && !line.starts_with("Received: ")) lines.push_back(std::move(line));
         }
         return lines;
     }

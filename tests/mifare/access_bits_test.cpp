@@ -26,26 +26,21 @@ std::optional<std::string> CardConditionOf(const AccessBytes& a, unsigned block)
 
 const std::array<std::string, 8> kAllConditions{"000", "001", "010", "011", "100", "101", "110", "111"};
 
-TEST(AccessBits, TransportConfigurationGivesTheWellKnownBytesFF0780) {
-    AccessBytes a{0x12, 0x34, 0x56};
+AccessBytes Sector(const std::string& data, const std::string& trailer, AccessBytes start = {}) {
     for (unsigned b = 0; b < 3; ++b)
-        SetAccessBits("000", MaskOfBlock(b), a);
-    SetAccessBits("001", MaskOfBlock(3), a);
-    EXPECT_EQ(a, (AccessBytes{0xFF, 0x07, 0x80}));
+        SetAccessBits(data, MaskOfBlock(b), start);
+    SetAccessBits(trailer, MaskOfBlock(3), start);
+    return start;
 }
 
-TEST(AccessBits, KeyBWritesConfigurationGivesTheWellKnownBytes787788) {
-    AccessBytes a{};
-    for (unsigned b = 0; b < 3; ++b)
-        SetAccessBits("100", MaskOfBlock(b), a);
-    SetAccessBits("011", MaskOfBlock(3), a);
-    EXPECT_EQ(a, (AccessBytes{0x78, 0x77, 0x88}));
+TEST(AccessBits, GiveTheWellKnownBytesOfTheUsualConfigurations) {
+    EXPECT_EQ(Sector("000", "001", {0x12, 0x34, 0x56}), (AccessBytes{0xFF, 0x07, 0x80}));  // transport
+    EXPECT_EQ(Sector("100", "011"), (AccessBytes{0x78, 0x77, 0x88}));                      // key B writes
 }
 
 TEST(AccessBits, EveryConditionOnEveryBlockReadsBackAndLeavesTheOtherBlocksAlone) {
     std::mt19937 random(20240611);
     for (int round = 0; round < 20; ++round) {
-        // Start from a consistent random sector so that the neighbours can be checked.
         AccessBytes a{};
         std::array<std::string, 4> expected;
         for (unsigned b = 0; b < 4; ++b) {
@@ -66,33 +61,19 @@ TEST(AccessBits, EveryConditionOnEveryBlockReadsBackAndLeavesTheOtherBlocksAlone
     }
 }
 
+TEST(IsSectorTrailer, FollowsTheSectorsOfFourAndOfSixteenBlocks) {
+    for (const std::int32_t block : {3, 7, 127, 143, 255})
+        EXPECT_TRUE(IsSectorTrailer(block)) << block;
+    for (const std::int32_t block : {-1, 0, 2, 128, 131, 254})
+        EXPECT_FALSE(IsSectorTrailer(block)) << block;
+}
+
 TEST(AccessConditionText, OnlyThreeBinaryDigitsAreLegal) {
     for (const auto& legal : kAllConditions)
         EXPECT_TRUE(IsAccessConditionText(legal)) << legal;
-    for (const char* bad : {"", "0", "2", "00", "0000", "012", "10a", " 01", "01 ", "1-1"}) {
+    for (const char* bad : {"", "2", "00", "0000", "012", " 01"})
         EXPECT_FALSE(IsAccessConditionText(bad)) << '"' << bad << '"';
-    }
 }
-
-// What each condition lets a key do with a data block, as the card's
-// datasheet lists it; independent of the encoder's own choice.
-struct DataRights {
-    bool readA, readB, writeA, writeB;
-};
-const std::map<std::string, DataRights> kCardDataRights{
-    {"000", {true, true, true, true}},   {"001", {true, true, false, false}},   {"010", {true, true, false, false}},
-    {"011", {false, true, false, true}}, {"100", {true, true, false, true}},    {"101", {false, true, false, false}},
-    {"110", {true, true, false, true}},  {"111", {false, false, false, false}},
-};
-
-struct TrailerRights {
-    bool aWritesKeys, aWritesConditions, bWritesKeys, bWritesConditions;
-};
-const std::map<std::string, TrailerRights> kCardTrailerRights{
-    {"000", {true, false, false, false}},  {"001", {true, true, false, false}},   {"010", {false, false, false, false}},
-    {"011", {false, false, true, true}},   {"100", {false, false, true, false}},  {"101", {false, false, false, true}},
-    {"110", {false, false, false, false}}, {"111", {false, false, false, false}},
-};
 
 // The encoder's choices, one row per security value and scheme.
 std::optional<std::string> ExpectedDataCondition(std::int32_t security, bool keyAOnly) {
@@ -106,40 +87,39 @@ std::optional<std::string> ExpectedDataCondition(std::int32_t security, bool key
     return it->second;
 }
 
-const std::array<std::uint8_t, 5> kSchemes{1, 0, 2, 3, 255};
-
-TEST(EncodeDataBlockCondition, EverySecurityValueUnderEverySchemeGivesItsConditionOnItsBlockOnly) {
-    const AccessConditionTable noOverrides{};
-    for (const std::uint8_t scheme : kSchemes) {
-        for (std::int32_t security = -3; security <= 17; ++security) {
-            for (unsigned block = 0; block < 3; ++block) {
-                AccessBytes a{};
-                for (unsigned b = 0; b < 4; ++b)
-                    SetAccessBits("010", MaskOfBlock(b), a);
-                const AccessBytes before = a;
-                const auto result = EncodeDataBlockCondition(noOverrides, security, scheme, MaskOfBlock(block), a);
-                const auto expected =
-                    security < 0 ? std::optional<std::string>("010") : ExpectedDataCondition(security, scheme == 1);
-                SCOPED_TRACE("scheme " + std::to_string(scheme) + " security " + std::to_string(security));
-                if (!expected) {
-                    EXPECT_EQ(result, sceError);
-                    EXPECT_EQ(a, before) << "a refused value must not touch the bytes";
-                    continue;
-                }
-                EXPECT_EQ(result, sceSuccess);
-                for (unsigned b = 0; b < 4; ++b) {
-                    EXPECT_EQ(CardConditionOf(a, b), b == block ? *expected : "010") << "block " << b;
-                }
-            }
-        }
-    }
+std::optional<std::string> ExpectedTrailerCondition(std::int32_t conditions, bool keyAOnly) {
+    static const std::map<std::int32_t, std::string> keyA{{0, "010"}, {1, "000"}, {2, "001"}, {3, "001"}};
+    static const std::map<std::int32_t, std::string> keyAB{{0, "111"}, {4, "100"}, {8, "101"}, {12, "011"}};
+    const auto& rows = keyAOnly ? keyA : keyAB;
+    const auto it = rows.find(keyAOnly ? (conditions & 3) : conditions);
+    if (it == rows.end()) return std::nullopt;
+    return it->second;
 }
 
-TEST(EncodeDataBlockCondition, KeyARightsWithoutKeyBRightsAreRefusedOnlyWhenKeyBIsUsed) {
+// Every value under every scheme (0 and others than 1 and 2 use key B too),
+// on every block: its condition on its block only, or a refusal that
+// touches nothing; a negative value keeps the block.
+TEST(EncodeCondition, EveryValueUnderEverySchemeGivesItsConditionOnItsBlockOnly) {
     const AccessConditionTable noOverrides{};
-    for (const std::int32_t security : {1, 2, 3, 6, 7}) {
-        EXPECT_FALSE(DataBlockConditionText(noOverrides, security, 2)) << security;
-        EXPECT_TRUE(DataBlockConditionText(noOverrides, security, 1)) << security;
+    for (const std::uint8_t scheme : {1, 0, 2, 3, 255}) {
+        for (std::int32_t value = -3; value <= 17; ++value) {
+            for (unsigned block = 0; block < 4; ++block) {
+                const AccessBytes before = Sector("010", "010");
+                AccessBytes a = before;
+                const bool trailer = block == 3;
+                const auto result = trailer
+                                        ? EncodeTrailerCondition(value, scheme, MaskOfBlock(block), a)
+                                        : EncodeDataBlockCondition(noOverrides, value, scheme, MaskOfBlock(block), a);
+                const auto expected = value < 0 ? std::optional<std::string>("010")
+                                      : trailer ? ExpectedTrailerCondition(value, scheme == 1)
+                                                : ExpectedDataCondition(value, scheme == 1);
+                SCOPED_TRACE("scheme " + std::to_string(scheme) + " value " + std::to_string(value) + " block " +
+                             std::to_string(block));
+                EXPECT_EQ(result, expected ? sceSuccess : sceError);
+                for (unsigned b = 0; b < 4; ++b)
+                    EXPECT_EQ(CardConditionOf(a, b), b == block && expected ? *expected : "010") << "block " << b;
+            }
+        }
     }
 }
 
@@ -163,79 +143,29 @@ TEST(EncodeDataBlockCondition, EachOverrideReplacesExactlyTheRowsItNames) {
         for (const Row& row : rows) {
             const auto text = DataBlockConditionText(overrides, row.security, row.scheme);
             ASSERT_TRUE(text);
-            if (row.entry == entry) {
-                EXPECT_EQ(*text, "100") << "entry " << entry << " security " << row.security;
-            } else {
-                EXPECT_EQ(*text, *ExpectedDataCondition(row.security, row.scheme == 1))
-                    << "entry " << entry << " must not change security " << row.security;
-            }
+            EXPECT_EQ(*text, row.entry == entry ? "100" : *ExpectedDataCondition(row.security, row.scheme == 1))
+                << "entry " << entry << " security " << row.security;
         }
     }
+    // An override never makes a refused value encodable.
+    AccessConditionTable all;
+    all.fill("000");
+    EXPECT_FALSE(DataBlockConditionText(all, 6, 2));
 }
 
-TEST(EncodeDataBlockCondition, AnOverrideDoesNotMakeARefusedValueEncodable) {
-    AccessConditionTable overrides;
-    overrides.fill("000");
-    AccessBytes a{1, 2, 3};
-    EXPECT_EQ(EncodeDataBlockCondition(overrides, 6, 2, 1, a), sceError);
-    EXPECT_EQ(a, (AccessBytes{1, 2, 3}));
-}
-
-std::optional<std::string> ExpectedTrailerCondition(std::int32_t conditions, bool keyAOnly) {
-    static const std::map<std::int32_t, std::string> keyA{{0, "010"}, {1, "000"}, {2, "001"}, {3, "001"}};
-    static const std::map<std::int32_t, std::string> keyAB{{0, "111"}, {4, "100"}, {8, "101"}, {12, "011"}};
-    const auto& rows = keyAOnly ? keyA : keyAB;
-    const auto it = rows.find(keyAOnly ? (conditions & 3) : conditions);
-    if (it == rows.end()) return std::nullopt;
-    return it->second;
-}
-
-TEST(EncodeTrailerCondition, EveryConditionsValueUnderEverySchemeGivesItsTrailerCondition) {
-    for (const std::uint8_t scheme : kSchemes) {
-        for (std::int32_t conditions = -2; conditions <= 17; ++conditions) {
-            AccessBytes a{};
-            for (unsigned b = 0; b < 4; ++b)
-                SetAccessBits("110", MaskOfBlock(b), a);
-            const AccessBytes before = a;
-            const auto result = EncodeTrailerCondition(conditions, scheme, MaskOfBlock(3), a);
-            const auto expected =
-                conditions < 0 ? std::optional<std::string>("110") : ExpectedTrailerCondition(conditions, scheme == 1);
-            SCOPED_TRACE("scheme " + std::to_string(scheme) + " conditions " + std::to_string(conditions));
-            if (!expected) {
-                EXPECT_EQ(result, sceError);
-                EXPECT_EQ(a, before);
-                continue;
-            }
-            EXPECT_EQ(result, sceSuccess);
-            EXPECT_EQ(CardConditionOf(a, 3), *expected);
-            for (unsigned b = 0; b < 3; ++b)
-                EXPECT_EQ(CardConditionOf(a, b), "110");
-        }
-    }
-}
-
-TEST(TrailerSecurityOf, KeyAOnlyIsReportedExactlyForTheConditionsThatLeaveKeyBReadable) {
-    // Key B readable by key A (000, 001, 010) is the card's sign that key B is
-    // data, not a key.
+TEST(ConditionReading, IsCoarserThanTheCardsOwnMeaning) {
+    struct Row {
+        std::int32_t dataSecurity;
+        std::uint8_t keysUsed;
+        std::int32_t conditions;
+    };
+    // Indexed by C1 C2 C3; key B readable (000, 001, 010) is the card's sign
+    // that key B is data, so key A alone is reported.
+    const Row rows[8] = {{15, 1, 1}, {5, 1, 3}, {5, 1, 0}, {12, 2, 12}, {13, 2, 4}, {12, 2, 8}, {13, 2, 0}, {0, 2, 0}};
     for (unsigned c = 0; c < 8; ++c) {
-        const bool keyBReadable = c == 0b000 || c == 0b001 || c == 0b010;
-        EXPECT_EQ(TrailerSecurityOf(c).keysUsed, keyBReadable ? 1 : 2) << kAllConditions[c];
-    }
-}
-
-TEST(TrailerSecurityOf, EveryEncodedTrailerConditionReadsBackAsItsSchemeAndConditions) {
-    for (const std::uint8_t scheme : {std::uint8_t{1}, std::uint8_t{2}}) {
-        for (std::int32_t conditions = 0; conditions <= 15; ++conditions) {
-            const auto text = TrailerConditionText(conditions, scheme);
-            if (!text) continue;
-            const TrailerSecurity back = TrailerSecurityOf(std::stoul(std::string(*text), nullptr, 2));
-            EXPECT_EQ(back.keysUsed, scheme) << conditions;
-            // "A writes conditions" comes back as keys and conditions: the card
-            // has no condition for the one without the other.
-            const std::int32_t expected =
-                (scheme == 1 && (conditions & 3) == 2) ? 3 : (scheme == 1 ? conditions & 3 : conditions);
-            EXPECT_EQ(back.conditions, expected) << conditions;
-        }
+        EXPECT_EQ(DataBlockSecurityOf(c), rows[c].dataSecurity) << kAllConditions[c];
+        EXPECT_EQ(TrailerSecurityOf(c).keysUsed, rows[c].keysUsed) << kAllConditions[c];
+        EXPECT_EQ(TrailerSecurityOf(c).conditions, rows[c].conditions) << kAllConditions[c];
     }
 }
 
