@@ -64,6 +64,14 @@ public:
 
     std::uint16_t port() const { return port_; }
 
+    /// The port the card connected from.
+    std::uint16_t CardPort() const {
+        sockaddr_in address{};
+        socklen_t length = sizeof(address);
+        ::getpeername(card_, reinterpret_cast<sockaddr*>(&address), &length);
+        return ntohs(address.sin_port);
+    }
+
     bool AcceptCard(std::chrono::milliseconds timeout = Patience) {
         DropCard();
         if (!Readable(listener_, timeout)) return false;
@@ -289,6 +297,21 @@ TEST(VpcdLink, ReconnectsWhenVpcdDropsTheConnection) {
     EXPECT_EQ(vpcd.Exchange({0xFF, 0xCA, 0x00, 0x00, 0x00}), (Bytes{0x04, 0x11, 0x22, 0x33, 0x90, 0x00}));
     running.Stop();
     EXPECT_EQ(slot.Calls(), (std::vector<std::string>{"enter", "transmit"})) << "a reconnect is not a removal";
+}
+
+// The port the kernel picks for the bridge may be one vpcd listens on when
+// pcscd next starts; vpcd binds once and gives up, so the bridge's closed
+// connections must not hold the port.
+TEST(VpcdLink, AClosedConnectionLeavesItsPortFreeForVpcd) {
+    FakeVpcd vpcd;
+    ScriptedSlot slot;
+    RunningLink running(SettingsFor(vpcd.port()), slot);
+    ASSERT_TRUE(vpcd.AcceptCard());
+    const std::uint16_t bridgePort = vpcd.CardPort();
+    running.link().Request(LinkRequest::Remove);  // the bridge closes first: its end waits out TIME_WAIT
+    ASSERT_TRUE(vpcd.CardHungUp());
+    vpcd.DropCard();
+    EXPECT_NO_THROW(FakeVpcd{bridgePort}) << "port " << bridgePort;
 }
 
 TEST(VpcdLink, RemovalHangsUpAndInsertionConnectsAgain) {
