@@ -48,6 +48,7 @@ while IFS=$'\t' read -r folder use; do
         *"rows above"*) allowed+=("${above[@]}") ;;
         *everything*) anything=1 ;;
         *)
+            # shellcheck disable=SC2016  # backticks, not a command substitution
             for named in $(printf '%s\n' "$use" | grep -o '`[^`]*/`' | tr -d '`'); do
                 allowed+=("$named")
             done
