@@ -54,10 +54,8 @@ struct ToolRun {
     std::string output;   ///< everything it wrote to standard output
 };
 
-/// Runs `program` with `args` (no shell), with `environment` entries
-/// ("NAME=value") added to this process's, and waits for it.
-ToolRun RunTool(const std::string& program, const std::vector<std::string>& args,
-                const std::vector<std::string>& environment = {});
+/// Runs `program` with `args` and waits for it.
+ToolRun RunTool(const std::string& program, const std::vector<std::string>& args);
 
 /// The lines of a text, without their line ends; no empty last line.
 std::vector<std::string> Lines(const std::string& text);

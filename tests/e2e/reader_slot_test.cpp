@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "e2e_support.h"
 #include "sim/bridge/state_file.h"
 #include "sim/reader.h"
 
@@ -47,16 +48,6 @@ Bytes RandomBlock() {
 
 class ReaderSlotTest : public testing::Test {
 protected:
-    void SetUp() override {
-        dir_ =
-            std::filesystem::path(testing::TempDir()) / ("vcard-slot-" + std::to_string(::getpid()) + "-" +
-                                                         testing::UnitTest::GetInstance()->current_test_info()->name());
-        std::filesystem::remove_all(dir_);
-        std::filesystem::create_directories(dir_);
-        statePath_ = dir_ / "card.json";
-    }
-    void TearDown() override { std::filesystem::remove_all(dir_); }
-
     ino_t StateInode() const {
         struct stat info {};
         return ::stat(statePath_.c_str(), &info) == 0 ? info.st_ino : 0;
@@ -76,8 +67,8 @@ protected:
         return reader.Transmit(ReadBlock4);
     }
 
-    std::filesystem::path dir_;
-    std::filesystem::path statePath_;
+    e2e::TempDir dir_{"vcard-slot"};
+    std::filesystem::path statePath_ = dir_.path() / "card.json";
 };
 
 TEST_F(ReaderSlotTest, CardIsOutOfTheFieldUntilItEnters) {

@@ -23,6 +23,8 @@
 #include <thread>
 #include <vector>
 
+#include "e2e_support.h"
+
 namespace elatectwn4::sim::bridge {
 namespace {
 
@@ -214,36 +216,6 @@ LinkSettings SettingsFor(std::uint16_t port, std::string controlPath = {}) {
     return settings;
 }
 
-// A line-oriented client of the control socket.
-class ControlClient {
-public:
-    explicit ControlClient(const std::string& path) {
-        fd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
-        if (::connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0)
-            throw std::system_error(errno, std::generic_category(), "control socket " + path);
-    }
-    ~ControlClient() { ::close(fd_); }
-
-    std::string Ask(const std::string& line) {
-        const std::string text = line + "\n";
-        if (::send(fd_, text.data(), text.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(text.size()))
-            return "<send failed>";
-        std::string answer;
-        char c;
-        while (Readable(fd_, Patience) && ::recv(fd_, &c, 1, 0) == 1) {
-            if (c == '\n') return answer;
-            answer.push_back(c);
-        }
-        return "<no answer>";
-    }
-
-private:
-    int fd_ = -1;
-};
-
 TEST(VpcdLink, AnswersFramesWrittenInTwoPartsOrSeveralToASegment) {
     FakeVpcd vpcd;
     ScriptedSlot slot;
@@ -327,21 +299,19 @@ TEST(VpcdLink, ControlCommandsAnswerOnlyAfterTakingEffect) {
     {
         RunningLink running(SettingsFor(vpcd.port(), path), slot);
         ASSERT_TRUE(vpcd.AcceptCard());
-        ControlClient control(path);
-
         // The link may not have noticed its own connection yet; poll the status.
         std::string status;
-        for (int i = 0; i < 100 && (status = control.Ask("status")) != "inserted connected"; ++i)
+        for (int i = 0; i < 100 && (status = e2e::Control(path, "status")) != "inserted connected"; ++i)
             std::this_thread::sleep_for(10ms);
         EXPECT_EQ(status, "inserted connected");
 
-        EXPECT_EQ(control.Ask("remove"), "ok");
+        EXPECT_EQ(e2e::Control(path, "remove"), "ok");
         EXPECT_TRUE(vpcd.CardHungUp(100ms)) << "the connection must be closed before \"ok\"";
-        EXPECT_EQ(control.Ask("status"), "removed");
-        EXPECT_EQ(control.Ask("  insert \r"), "ok");
+        EXPECT_EQ(e2e::Control(path, "status"), "removed");
+        EXPECT_EQ(e2e::Control(path, "  insert \r"), "ok");
         ASSERT_TRUE(vpcd.AcceptCard());
-        EXPECT_EQ(control.Ask("eject"), "error unknown command \"eject\"");
-        EXPECT_EQ(control.Ask("quit"), "ok");
+        EXPECT_EQ(e2e::Control(path, "eject"), "error unknown command \"eject\"");
+        EXPECT_EQ(e2e::Control(path, "quit"), "ok");
         running.Join();
         EXPECT_TRUE(running.Finished());
     }

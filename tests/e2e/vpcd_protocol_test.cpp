@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "e2e_support.h"
 #include "sim/bridge/options.h"
 #include "sim/bridge/state_file.h"
 
@@ -162,21 +163,13 @@ TEST(VcardOptions, EveryMalformedCommandLineIsRefusedWithItsReason) {
 
 class StateFile : public testing::Test {
 protected:
-    void SetUp() override {
-        dir_ =
-            std::filesystem::path(testing::TempDir()) / ("vcard-state-" + std::to_string(::getpid()) + "-" +
-                                                         testing::UnitTest::GetInstance()->current_test_info()->name());
-        std::filesystem::remove_all(dir_);
-        std::filesystem::create_directories(dir_);
-    }
-    void TearDown() override { std::filesystem::remove_all(dir_); }
-
     std::size_t FilesInDir() const {
         return static_cast<std::size_t>(
             std::distance(std::filesystem::directory_iterator(dir_), std::filesystem::directory_iterator()));
     }
 
-    std::filesystem::path dir_;
+    e2e::TempDir temp_{"vcard-state"};
+    const std::filesystem::path& dir_ = temp_.path();
 };
 
 TEST_F(StateFile, AWrittenDocumentReplacesTheOldOneWhole) {
