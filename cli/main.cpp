@@ -13,7 +13,6 @@
 #include <vector>
 
 #include "cli/script.h"
-#include "command/pcsc_error_text.h"
 #include "elatectwn4/dispatch.h"
 #include "elatectwn4/encoder.h"
 #include "elatectwn4/version.h"
@@ -370,7 +369,7 @@ int ListReaders(const Options& o) {
     }
     if (rc == pcsc_code::NoReadersAvailable) rc = pcsc_code::Success;
     if (rc != pcsc_code::Success) {
-        std::cerr << "twn4: cannot list the readers: " << command::PCSCErrorText(rc) << '\n';
+        std::cerr << "twn4: cannot list the readers: " << PCSCErrorText(rc) << '\n';
         return kExitFailure;
     }
     if (o.json) {

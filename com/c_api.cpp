@@ -1,11 +1,19 @@
 #include <cstdlib>
 #include <cstring>
+#include <functional>
+#include <memory>
 #include <new>
 #include <string>
 #include <vector>
 
-#include "com/c_encoder.h"
+#include "elatectwn4/c_handle.h"
 #include "elatectwn4/dispatch.h"
+
+// What a handle of the C interface holds; only this file knows.
+struct elatectwn4_encoder {
+    std::unique_ptr<elatectwn4::Encoder> encoder;
+    std::function<void()> onDestroy;  ///< after the encoder is gone (the simulator saves its card)
+};
 
 using elatectwn4::DispatchError;
 using elatectwn4::Encoder;
@@ -20,6 +28,11 @@ char* Duplicate(std::string_view text) noexcept {
     if (!text.empty()) std::memcpy(out, text.data(), text.size());
     out[text.size()] = '\0';
     return out;
+}
+
+elatectwn4_encoder* WrapEncoder(std::unique_ptr<Encoder> encoder, std::function<void()> onDestroy) noexcept {
+    if (!encoder) return nullptr;
+    return new (std::nothrow) elatectwn4_encoder{std::move(encoder), std::move(onDestroy)};
 }
 
 }  // namespace elatectwn4::c_api
@@ -105,13 +118,26 @@ int CallCode(DispatchError::Reason reason) {
     return ELATECTWN4_CALL_INVALID;
 }
 
+constexpr std::int32_t kError = ELATECTWN4_SCE_ERROR;
+
+// Every function of the C interface runs its work through this: nothing may
+// unwind into a C caller's frame, so any exception becomes `failed`.
+template <typename R, typename Body>
+R Guard(R failed, Body&& body) noexcept {
+    try {
+        return body();
+    } catch (...) {
+        return failed;
+    }
+}
+
 }  // namespace
 
 extern "C" {
 
 elatectwn4_encoder* elatectwn4_create(void) {
     try {
-        return new elatectwn4_encoder{std::make_unique<Encoder>(), {}};
+        return elatectwn4::c_api::WrapEncoder(std::make_unique<Encoder>());
     } catch (...) {
         return nullptr;
     }
@@ -159,86 +185,109 @@ int elatectwn4_call(elatectwn4_encoder* encoder, const char* member, int kind, e
     } catch (const std::exception& e) {
         SetMessage(message, e.what());
         return ELATECTWN4_CALL_INVALID;
+    } catch (...) {
+        SetMessage(message, "unexpected failure");
+        return ELATECTWN4_CALL_INVALID;
     }
 }
 
 size_t elatectwn4_member_count(void) {
-    return elatectwn4::Members().size();
+    return Guard(size_t{0}, [] { return elatectwn4::Members().size(); });
 }
 
 char* elatectwn4_member_signature(size_t index) {
-    const auto members = elatectwn4::Members();
-    if (index >= members.size()) return nullptr;
-    const auto& m = members[index];
-    return Duplicate(std::string(m.interfaceName) + "." + elatectwn4::Signature(m));
+    return Guard<char*>(nullptr, [&]() -> char* {
+        const auto members = elatectwn4::Members();
+        if (index >= members.size()) return nullptr;
+        const auto& m = members[index];
+        return Duplicate(std::string(m.interfaceName) + "." + elatectwn4::Signature(m));
+    });
 }
 
 int32_t elatectwn4_last_error(elatectwn4_encoder* encoder, elatectwn4_error* error) {
+    if (error != nullptr) *error = elatectwn4_error{};
     if (encoder == nullptr) return 0;
-    const auto& e = encoder->encoder->LastError();
-    if (error != nullptr) {
-        *error = elatectwn4_error{e.Number,
-                                  Duplicate(e.Description),
-                                  e.LastDllError,
-                                  Duplicate(e.ComFunction),
-                                  Duplicate(e.RdrCommand),
-                                  Duplicate(e.RdrRetCode)};
-    }
-    return e.Number;
+    return Guard(int32_t{0}, [&] {
+        const auto& e = encoder->encoder->LastError();
+        if (error != nullptr) {
+            *error = elatectwn4_error{e.Number,
+                                      Duplicate(e.Description),
+                                      e.LastDllError,
+                                      Duplicate(e.ComFunction),
+                                      Duplicate(e.RdrCommand),
+                                      Duplicate(e.RdrRetCode)};
+        }
+        return e.Number;
+    });
 }
 
 void elatectwn4_set_reader(elatectwn4_encoder* encoder, const char* reader_name) {
     if (encoder == nullptr) return;
-    encoder->encoder->Parameters(std::string("Device=") + (reader_name ? reader_name : ""));
+    try {
+        encoder->encoder->Parameters(std::string("Device=") + (reader_name ? reader_name : ""));
+    } catch (...) {
+        // Only memory can run out here; the encoder keeps its previous reader.
+    }
 }
 
 int32_t elatectwn4_open(elatectwn4_encoder* encoder) {
-    return encoder ? encoder->encoder->OpenEncoder() : ELATECTWN4_SCE_ERROR;
+    return Guard(kError, [&] { return encoder ? encoder->encoder->OpenEncoder() : kError; });
 }
 
 int32_t elatectwn4_close(elatectwn4_encoder* encoder) {
-    return encoder ? encoder->encoder->CloseEncoder() : ELATECTWN4_SCE_ERROR;
+    return Guard(kError, [&] { return encoder ? encoder->encoder->CloseEncoder() : kError; });
 }
 
 int32_t elatectwn4_state(elatectwn4_encoder* encoder) {
-    return encoder ? encoder->encoder->EncoderState() : 0;
+    return Guard(int32_t{0}, [&] { return encoder ? encoder->encoder->EncoderState() : 0; });
 }
 
 int32_t elatectwn4_read_serial_number(elatectwn4_encoder* encoder, char** serial_number) {
-    if (encoder == nullptr) return ELATECTWN4_SCE_ERROR;
-    std::string uid;
-    const auto rc = encoder->encoder->ReadSerialNumber(uid);
-    if (serial_number != nullptr) *serial_number = Duplicate(uid);
-    return rc;
+    if (serial_number != nullptr) *serial_number = nullptr;
+    if (encoder == nullptr) return kError;
+    return Guard(kError, [&] {
+        std::string uid;
+        const auto rc = encoder->encoder->ReadSerialNumber(uid);
+        if (serial_number != nullptr) *serial_number = Duplicate(uid);
+        return rc;
+    });
 }
 
 char* elatectwn4_atr(elatectwn4_encoder* encoder) {
-    return encoder ? Duplicate(encoder->encoder->ATRString()) : nullptr;
+    return Guard<char*>(nullptr, [&] { return encoder ? Duplicate(encoder->encoder->ATRString()) : nullptr; });
 }
 
 int32_t elatectwn4_card_type(elatectwn4_encoder* encoder) {
-    return encoder ? encoder->encoder->CardType() : 0;
+    return Guard(int32_t{0}, [&] { return encoder ? encoder->encoder->CardType() : 0; });
 }
 
 int32_t elatectwn4_read_block(elatectwn4_encoder* encoder, int32_t block, const char* key, uint8_t key_type,
                               char** contents) {
-    if (encoder == nullptr) return ELATECTWN4_SCE_ERROR;
-    std::string text;
-    const auto rc = encoder->encoder->ReadDataBloc(block, key ? key : "", key_type, text);
-    if (contents != nullptr) *contents = Duplicate(text);
-    return rc;
+    if (contents != nullptr) *contents = nullptr;
+    if (encoder == nullptr) return kError;
+    return Guard(kError, [&] {
+        std::string text;
+        const auto rc = encoder->encoder->ReadDataBloc(block, key ? key : "", key_type, text);
+        if (contents != nullptr) *contents = Duplicate(text);
+        return rc;
+    });
 }
 
 int32_t elatectwn4_write_block(elatectwn4_encoder* encoder, int32_t block, const char* key, uint8_t key_type,
                                const char* contents) {
-    if (encoder == nullptr) return ELATECTWN4_SCE_ERROR;
-    std::string text = contents ? contents : "";
-    return encoder->encoder->WriteDataBloc(block, key ? key : "", key_type, text);
+    if (encoder == nullptr) return kError;
+    return Guard(kError, [&] {
+        std::string text = contents ? contents : "";
+        return encoder->encoder->WriteDataBloc(block, key ? key : "", key_type, text);
+    });
 }
 
 char* elatectwn4_response_text(elatectwn4_encoder* encoder, const char* sw1sw2, const char* encoder_command) {
     if (encoder == nullptr) return nullptr;
-    return Duplicate(encoder->encoder->GetResponseText(sw1sw2 ? sw1sw2 : "", encoder_command ? encoder_command : ""));
+    return Guard<char*>(nullptr, [&] {
+        return Duplicate(
+            encoder->encoder->GetResponseText(sw1sw2 ? sw1sw2 : "", encoder_command ? encoder_command : ""));
+    });
 }
 
 void elatectwn4_free(void* text) {

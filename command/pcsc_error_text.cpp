@@ -65,11 +65,16 @@ std::string_view KnownText(std::uint32_t code) noexcept {
 
 }  // namespace
 
+}  // namespace elatectwn4::command
+
+namespace elatectwn4 {
+
 std::string PCSCErrorText(std::uint32_t code) {
+    using command::KnownText;
     if (const std::string_view text = KnownText(code); !text.empty()) return std::string(text);
     char hex[9];
     std::snprintf(hex, sizeof hex, "%X", static_cast<unsigned>(code));
     return std::string("Unexpected error 0x") + hex;
 }
 
-}  // namespace elatectwn4::command
+}  // namespace elatectwn4

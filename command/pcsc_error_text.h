@@ -1,12 +1,11 @@
+// The English texts of PC/SC return codes; the public PCSCErrorText, under
+// the command layer's name.
 #pragma once
 
-#include <cstdint>
-#include <string>
+#include "elatectwn4/pcsc.h"
 
 namespace elatectwn4::command {
 
-/// English text of a PC/SC return code; "Unexpected error 0x8010xxxx" for
-/// codes without a text of their own.
-std::string PCSCErrorText(std::uint32_t code);
+using elatectwn4::PCSCErrorText;
 
 }  // namespace elatectwn4::command

@@ -37,16 +37,13 @@ public:
 
     std::uint32_t ListReaders(PcscHandle context, std::vector<std::string>& readers) override {
         try {
-            readers.clear();
-            DWORD length = 0;
-            LONG rv = SCardListReaders(static_cast<SCARDCONTEXT>(context), nullptr, nullptr, &length);
-            if (rv != SCARD_S_SUCCESS) return Code(rv);
-            std::string buffer(length, '\0');
-            rv = SCardListReaders(static_cast<SCARDCONTEXT>(context), nullptr, buffer.data(), &length);
-            if (rv != SCARD_S_SUCCESS) return Code(rv);
-            buffer.resize(std::min<std::size_t>(length, buffer.size()));
-            readers = command::SplitMultiString(buffer);
-            return pcsc_code::Success;
+            const auto list = [context](char* buffer, std::size_t& length) {
+                DWORD size = static_cast<DWORD>(length);
+                const LONG rv = SCardListReaders(static_cast<SCARDCONTEXT>(context), nullptr, buffer, &size);
+                length = static_cast<std::size_t>(size);
+                return Code(rv);
+            };
+            return command::ListReadersRetrying(list, Code(SCARD_E_INSUFFICIENT_BUFFER), readers);
         } catch (...) {
             return Code(SCARD_E_NO_MEMORY);
         }
@@ -138,6 +135,24 @@ std::vector<std::string> SplitMultiString(std::string_view multi) {
         multi.remove_prefix(end + 1);
     }
     return names;
+}
+
+std::uint32_t ListReadersRetrying(const std::function<std::uint32_t(char* buffer, std::size_t& length)>& list,
+                                  std::uint32_t insufficientBuffer, std::vector<std::string>& readers, int attempts) {
+    readers.clear();
+    std::uint32_t rc = insufficientBuffer;
+    for (int attempt = 0; attempt < attempts && rc == insufficientBuffer; ++attempt) {
+        std::size_t length = 0;
+        rc = list(nullptr, length);
+        if (rc != pcsc_code::Success) return rc;
+        std::string buffer(length, '\0');
+        rc = list(buffer.data(), length);
+        if (rc == pcsc_code::Success) {
+            buffer.resize(std::min(length, buffer.size()));
+            readers = SplitMultiString(buffer);
+        }
+    }
+    return rc;
 }
 
 }  // namespace command

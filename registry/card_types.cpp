@@ -10,9 +10,7 @@
 #include <thread>
 #include <vector>
 
-#include "registry/reg_file.h"
 #include "registry/registry.h"
-#include "registry/store.h"
 
 namespace elatectwn4::registry {
 namespace {

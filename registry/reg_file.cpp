@@ -25,10 +25,6 @@ constexpr char16_t kEscapeLast = 0xDCFF;
 
 constexpr std::string_view kBlanks = " \t\r";
 
-char LowerAscii(char c) noexcept {
-    return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
 std::string_view Trim(std::string_view s) {
     const auto first = s.find_first_not_of(kBlanks);
     if (first == std::string_view::npos) return {};
@@ -359,11 +355,6 @@ private:
 };
 
 }  // namespace
-
-bool EqualsNoCase(std::string_view a, std::string_view b) noexcept {
-    return a.size() == b.size() &&
-           std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) { return LowerAscii(x) == LowerAscii(y); });
-}
 
 std::optional<std::vector<std::string>> SplitKeyPath(std::string_view path) {
     std::vector<std::string> components;

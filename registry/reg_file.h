@@ -17,6 +17,8 @@
 #include <variant>
 #include <vector>
 
+#include "registry/types.h"
+
 namespace elatectwn4::registry {
 
 /// Value types as the registry numbers them (the n of "hex(n):").
@@ -110,8 +112,5 @@ RawData EncodeRawText(std::string_view text, FileFormat format);
 /// A key path's components; "" (and "\") is the root. nullopt when a component
 /// is empty (leading or doubled '\') or longer than the platform allows.
 std::optional<std::vector<std::string>> SplitKeyPath(std::string_view path);
-
-/// ASCII case-insensitive equality, as key paths and value names compare.
-bool EqualsNoCase(std::string_view a, std::string_view b) noexcept;
 
 }  // namespace elatectwn4::registry

@@ -202,22 +202,6 @@ std::optional<Hive> OpenExistingKey(const RegHandle& handle, const std::string& 
 
 }  // namespace
 
-bool IsKnownRoot(Root root) noexcept {
-    return root == Root::ClassesRoot || root == Root::CurrentUser || root == Root::LocalMachine;
-}
-
-std::string_view RootName(Root root) noexcept {
-    switch (root) {
-        case Root::ClassesRoot:
-            return "HKEY_CLASSES_ROOT";
-        case Root::CurrentUser:
-            return "HKEY_CURRENT_USER";
-        case Root::LocalMachine:
-            return "HKEY_LOCAL_MACHINE";
-    }
-    return {};
-}
-
 bool ConnectRoot(Root root, std::string_view computer, RegHandle& handle) noexcept {
     ClearRegistryError();
     handle = RegHandle{};

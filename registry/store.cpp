@@ -15,9 +15,6 @@
 namespace elatectwn4::registry {
 namespace {
 
-// Per thread, so that two Encoders on two threads never read each other's failures.
-thread_local RegistryError tLastError;
-
 constexpr const char* kSystemStoreDirectory = "/var/lib/elatectwn4";
 constexpr const char* kStoreSubdirectory = "elatectwn4";
 // New files are readable by every account (several hosts may share the
@@ -134,24 +131,6 @@ int ReplaceFile(const std::filesystem::path& target, std::string_view contents) 
 }
 
 }  // namespace
-
-RegistryError LastRegistryError() {
-    return tLastError;
-}
-
-void RecordRegistryError(std::uint32_t number, std::string_view description) noexcept {
-    try {
-        tLastError.number = number;
-        tLastError.description.assign(description);
-    } catch (...) {
-        tLastError.description.clear();  // out of memory: keep at least the number
-    }
-}
-
-void ClearRegistryError() noexcept {
-    tLastError.number = result::kSuccess;
-    tLastError.description.clear();
-}
 
 std::uint32_t ResultFromErrno(int error) noexcept {
     switch (error) {

@@ -10,7 +10,7 @@
 #include <string_view>
 
 #include "registry/reg_file.h"
-#include "registry/registry.h"
+#include "registry/types.h"
 
 namespace elatectwn4::registry {
 
@@ -47,11 +47,5 @@ UpdateOutcome UpdateHive(const RegHandle& handle, const std::function<bool(Hive&
 
 /// A result code for an errno value.
 std::uint32_t ResultFromErrno(int error) noexcept;
-
-/// Records a failure in the calling thread's last-error pair.
-void RecordRegistryError(std::uint32_t number, std::string_view description) noexcept;
-
-/// Empties the calling thread's last-error pair.
-void ClearRegistryError() noexcept;
 
 }  // namespace elatectwn4::registry

@@ -1,10 +1,14 @@
 #!/usr/bin/env bash
-# Installs what is needed, builds, and runs every test twice: once in a
-# plain build and once under AddressSanitizer + UndefinedBehaviorSanitizer.
-# The end-to-end tests go through a real pcscd with the vpcd virtual readers.
+# Checks that the includes follow the README's layout, installs what is
+# needed, builds, and runs every test twice: once in a plain build and once
+# under AddressSanitizer + UndefinedBehaviorSanitizer. The end-to-end tests go
+# through a real pcscd with the vpcd virtual readers. Ends with the test share.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
+
+echo "== Includes"
+scripts/check-includes.sh
 
 scripts/install-deps.sh
 
@@ -22,4 +26,6 @@ echo "== Tests (plain build)"
 ctest --test-dir build --output-on-failure -j2 "${filter[@]}" || status=1
 echo "== Tests (AddressSanitizer + UndefinedBehaviorSanitizer)"
 ctest --test-dir build-asan --output-on-failure -j2 "${filter[@]}" || status=1
+echo "== Tests against code"
+scripts/test-share.sh
 exit $status

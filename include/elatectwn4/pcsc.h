@@ -101,4 +101,8 @@ public:
 /// The production boundary: libpcsclite talking to pcscd.
 ELATECTWN4_API std::shared_ptr<PcscApi> SystemPcsc();
 
+/// English text of a PC/SC return code ("No Smart Card is currently in the
+/// device."); "Unexpected error 0x8010xxxx" for codes without a text of their own.
+ELATECTWN4_API std::string PCSCErrorText(std::uint32_t code);
+
 }  // namespace elatectwn4

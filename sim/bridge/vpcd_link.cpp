@@ -221,6 +221,11 @@ void VpcdLink::TryConnect() {
             lastError = errno;
             continue;
         }
+        // The kernel may give this connection a port that vpcd listens on
+        // when pcscd next starts; vpcd binds once and gives up, so the
+        // connection's TIME_WAIT after a close must not hold the port.
+        const int on = 1;
+        ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
         if (::connect(fd, candidate->ai_addr, candidate->ai_addrlen) == 0) {
             vpcd_ = fd;
         } else {

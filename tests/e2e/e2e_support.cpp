@@ -1,22 +1,18 @@
 #include "e2e_support.h"
 
-#include <fcntl.h>
-#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <winscard.h>
 
-#include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iomanip>
 #include <sstream>
 #include <stdexcept>
-
-extern char** environ;
 
 namespace elatectwn4::e2e {
 
@@ -87,53 +83,25 @@ bool WaitForCard(const std::string& reader, bool present, std::chrono::milliseco
     return reached;
 }
 
-ToolRun RunTool(const std::string& program, const std::vector<std::string>& args,
-                const std::vector<std::string>& environment) {
+ToolRun RunTool(const std::string& program, const std::vector<std::string>& args) {
+    // Through the shell, every word quoted: 'it'\''s' for it's.
+    const auto quoted = [](const std::string& word) {
+        std::string out = "'";
+        for (char c : word)
+            out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+        return out + "'";
+    };
+    std::string command = quoted(program);
+    for (const auto& arg : args)
+        command += " " + quoted(arg);
     ToolRun run;
-    int pipeFds[2];
-    if (::pipe2(pipeFds, O_CLOEXEC) != 0) return run;
-
-    std::vector<std::string> argStore{program};
-    argStore.insert(argStore.end(), args.begin(), args.end());
-    std::vector<char*> argv;
-    for (auto& a : argStore)
-        argv.push_back(a.data());
-    argv.push_back(nullptr);
-
-    std::vector<std::string> envStore;
-    for (char** e = environ; *e != nullptr; ++e)
-        envStore.emplace_back(*e);
-    envStore.insert(envStore.end(), environment.begin(), environment.end());
-    std::vector<char*> envp;
-    for (auto& e : envStore)
-        envp.push_back(e.data());
-    envp.push_back(nullptr);
-
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDOUT_FILENO);
-    pid_t pid = 0;
-    const int spawned = ::posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), envp.data());
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(pipeFds[1]);
-    if (spawned != 0) {
-        ::close(pipeFds[0]);
-        return run;
-    }
+    FILE* pipe = ::popen(command.c_str(), "r");
+    if (pipe == nullptr) return run;
     char buffer[4096];
-    for (;;) {
-        const ssize_t n = ::read(pipeFds[0], buffer, sizeof buffer);
-        if (n > 0) {
-            run.output.append(buffer, static_cast<std::size_t>(n));
-        } else if (n == 0 || errno != EINTR) {
-            break;
-        }
-    }
-    ::close(pipeFds[0]);
-    int status = 0;
-    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    if (WIFEXITED(status)) run.exitStatus = WEXITSTATUS(status);
+    for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
+        run.output.append(buffer, n);
+    const int status = ::pclose(pipe);
+    if (status != -1 && WIFEXITED(status)) run.exitStatus = WEXITSTATUS(status);
     return run;
 }
 

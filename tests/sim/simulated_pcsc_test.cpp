@@ -4,9 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <thread>
-
 #include "apdu_helpers.h"
 
 namespace {
@@ -223,66 +220,6 @@ TEST(SimulatedPcsc, ReleasingAContextDisconnectsItsCards) {
     PcscHandle context = 0, again = 0;
     ASSERT_EQ(p.pcsc.EstablishContext(pcsc_const::ScopeSystem, context), pcsc_code::Success);
     EXPECT_EQ(Code(p.Connect(kReader0, again, pcsc_const::ShareExclusive, context)), "0x00000000");
-}
-
-TEST(SimulatedPcsc, ReaderModeAnswerGivesWayToTheCardAfterTheProtocolSwitch) {
-    Pcsc p;
-    auto reader = p.pcsc.FindReader(kReader0);
-    reader->Insert(MakeCard("mifare1k"));
-    reader->SetReaderModeAtr(true);
-    PcscHandle card = 0;
-    ASSERT_EQ(p.Connect(kReader0, card), pcsc_code::Success);
-    PcscStatus status;
-    ASSERT_EQ(p.pcsc.Status(card, status), pcsc_code::Success);
-    EXPECT_EQ(H(status.atr), "3B868111FE8143696E647930");
-    EXPECT_EQ(p.Send(card, "FF 9B 00 00 0A 05 02 FF FF FF FF FF FF FF FF"), "9000");
-    ASSERT_EQ(p.pcsc.Disconnect(card, pcsc_const::LeaveCard), pcsc_code::Success);
-    ASSERT_EQ(p.Connect(kReader0, card), pcsc_code::Success);
-    ASSERT_EQ(p.pcsc.Status(card, status), pcsc_code::Success);
-    EXPECT_EQ(H(status.atr), "3B8F8001804F0CA000000306030001000000006A");
-}
-
-TEST(SimulatedPcsc, TwoReadersServeTwoThreadsWithoutMixingTheirCards) {
-    auto pcsc = std::make_shared<SimulatedPcsc>();
-    pcsc->FindReader(kReader0)->Insert(MakeCard("mifare1k"));
-    pcsc->FindReader(kReader1)->Insert(MakeCard("mifare4k"));
-    std::atomic<int> failures{0};
-    auto worker = [&](const char* readerName, std::uint8_t tag) {
-        PcscHandle context = 0, card = 0;
-        std::uint32_t protocol = 0;
-        if (pcsc->EstablishContext(pcsc_const::ScopeSystem, context) != pcsc_code::Success ||
-            pcsc->Connect(context, readerName, pcsc_const::ShareExclusive, pcsc_const::ProtocolT1, card, protocol) !=
-                pcsc_code::Success) {
-            ++failures;
-            return;
-        }
-        std::array<std::uint8_t, 64> answer{};
-        auto send = [&](const Bytes& apdu) {
-            std::size_t received = answer.size();
-            if (pcsc->Transmit(card, protocol, apdu, answer, received) != pcsc_code::Success) return Bytes{};
-            return Bytes(answer.begin(), answer.begin() + static_cast<std::ptrdiff_t>(received));
-        };
-        for (unsigned round = 0; round < 300; ++round) {
-            const unsigned block = 1 + round % 2 + (round % 10) * 4;  // a data block of sectors 0..9
-            Bytes data(16, tag);
-            data[0] = static_cast<std::uint8_t>(round);
-            Bytes write = B(Write(block, "00000000000000000000000000000000"));
-            std::copy(data.begin(), data.end(), write.begin() + 5);
-            data.push_back(0x90);
-            data.push_back(0x00);
-            if (send(B(LoadKey(1, "FFFFFFFFFFFF"))) != B("9000") || send(B(Auth(block, 'A', 1))) != B("9000") ||
-                send(write) != B("9000") || send(B(Read(block))) != data) {
-                ++failures;
-            }
-        }
-        pcsc->Disconnect(card, pcsc_const::LeaveCard);
-        pcsc->ReleaseContext(context);
-    };
-    std::thread one(worker, kReader0, std::uint8_t{0x11});
-    std::thread two(worker, kReader1, std::uint8_t{0x22});
-    one.join();
-    two.join();
-    EXPECT_EQ(failures.load(), 0);
 }
 
 }  // namespace

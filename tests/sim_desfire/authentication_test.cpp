@@ -71,16 +71,6 @@ TEST_F(Authentication, CardAndHostAgreeOnTheLegacySessionKey) {
     }
 }
 
-TEST_F(Authentication, AKeyWithEqualHalvesGivesASingleDesSessionKey) {
-    ASSERT_NO_FATAL_FAILURE(SecureCard());
-    const Key desKey = MakeKey("0123456789ABCDEF0123456789ABCDEF");
-    ASSERT_EQ(Status(ChangeOwnKeyFrame(host_, 0, desKey)), Is(0x00));
-    ASSERT_EQ(Is(host_.Authenticate(0, desKey)), Is(0x00));
-    const Key& s = host_.Session();
-    EXPECT_TRUE(std::equal(s.begin(), s.begin() + 8, s.begin() + 8));
-    EXPECT_EQ(Status(Concat({Bytes{0x54}, host_.Encipher(Bytes{0x0F})})), Is(0x00));
-}
-
 TEST_F(Authentication, RefusesWhatARealCardRefuses) {
     ASSERT_NO_FATAL_FAILURE(CreateApplication(0x0F, 3));
     struct Case {

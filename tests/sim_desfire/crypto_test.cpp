@@ -60,18 +60,6 @@ TEST(LegacyCipher, EnciphersTheClassicDesVector) {
     EXPECT_EQ(ToHex(cipher.Encipher(Hex("0123456789ABCDEF"))), "85E813540F0AB405");
 }
 
-TEST(LegacyCipher, EnciphersWithTwoKeyTripleDesWhenHalvesDiffer) {
-    const Key key = MakeKey("00112233445566778899AABBCCDDEEFF");
-    const card::LegacyCipher cipher(CardKey(key));
-    const Bytes block = Hex("0123456789ABCDEF");
-    // E_K1(D_K2(E_K1(x))) assembled from single-DES steps of the host.
-    const Bytes step1 = Cipher(MakeKey("0011223344556677"), block, true);
-    const Bytes step2 = Cipher(MakeKey("8899AABBCCDDEEFF"), step1, false);
-    const Bytes step3 = Cipher(MakeKey("0011223344556677"), step2, true);
-    EXPECT_EQ(ToHex(cipher.Encipher(block)), ToHex(step3));
-    EXPECT_NE(ToHex(step3), ToHex(Cipher(MakeKey("0011223344556677"), block, true)));
-}
-
 TEST(LegacyCipher, UndoesTheHostSendModeForEveryKeyAndLength) {
     for (const char* hex : kKeys) {
         const Key key = MakeKey(hex);

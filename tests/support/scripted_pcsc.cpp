@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <array>
 #include <cstdio>
 #include <utility>
 
@@ -18,11 +17,26 @@ int Nibble(char c) {
     return -1;
 }
 
-// Digits without blanks; "??" pairs kept as they are.
-std::string Compact(std::string_view hex) {
-    std::string out;
+// Byte values of hex text without blanks; nullopt for a "??" pair; a failure
+// (and nothing) for text that is not whole hex bytes.
+std::vector<std::optional<std::uint8_t>> Parse(std::string_view hex, bool wildcards) {
+    std::string digits;
     for (char c : hex) {
-        if (c != ' ') out.push_back(c);
+        if (c != ' ') digits.push_back(c);
+    }
+    std::vector<std::optional<std::uint8_t>> out;
+    for (std::size_t i = 0; i + 1 < digits.size(); i += 2) {
+        if (wildcards && digits.compare(i, 2, "??") == 0) {
+            out.emplace_back(std::nullopt);
+            continue;
+        }
+        const int high = Nibble(digits[i]), low = Nibble(digits[i + 1]);
+        if (high < 0 || low < 0) break;
+        out.emplace_back(static_cast<std::uint8_t>(high * 16 + low));
+    }
+    if (digits.size() % 2 != 0 || out.size() != digits.size() / 2) {
+        ADD_FAILURE() << "not whole hex bytes in script text \"" << hex << "\"";
+        return {};
     }
     return out;
 }
@@ -33,51 +47,12 @@ std::string HexCode(std::uint64_t value) {
     return buffer;
 }
 
-struct StatusReading {
-    std::uint16_t sw;
-    std::string_view meaning;
-};
-
-// Enough to make a failed expectation explain itself; not a full table.
-constexpr std::array kStatusReadings{
-    StatusReading{0x9000, "success"},
-    StatusReading{0x9100, "DESFire success"},
-    StatusReading{0x91AF, "DESFire: more frames"},
-    StatusReading{0x91AE, "DESFire: authentication error"},
-    StatusReading{0x919D, "DESFire: permission denied"},
-    StatusReading{0x91A0, "DESFire: application not found"},
-    StatusReading{0x91F0, "DESFire: file not found"},
-    StatusReading{0x91BE, "DESFire: boundary error"},
-    StatusReading{0x917E, "DESFire: length error"},
-    StatusReading{0x911E, "DESFire: integrity error"},
-    StatusReading{0x6300, "authentication failed"},
-    StatusReading{0x6700, "wrong length"},
-    StatusReading{0x6982, "security status not satisfied"},
-    StatusReading{0x6A81, "function not supported"},
-    StatusReading{0x6A82, "file or block not found"},
-    StatusReading{0x6B00, "wrong P1-P2"},
-    StatusReading{0x6D00, "instruction not supported"},
-    StatusReading{0x6E00, "class not supported"},
-};
-
 }  // namespace
 
 std::vector<std::uint8_t> Bytes(std::string_view hex) {
-    const std::string digits = Compact(hex);
     std::vector<std::uint8_t> out;
-    if (digits.size() % 2 != 0) {
-        ADD_FAILURE() << "odd number of hex digits in script text \"" << hex << "\"";
-        return out;
-    }
-    for (std::size_t i = 0; i < digits.size(); i += 2) {
-        const int high = Nibble(digits[i]);
-        const int low = Nibble(digits[i + 1]);
-        if (high < 0 || low < 0) {
-            ADD_FAILURE() << "not hex in script text \"" << hex << "\"";
-            return {};
-        }
-        out.push_back(static_cast<std::uint8_t>(high * 16 + low));
-    }
+    for (const auto& byte : Parse(hex, false))
+        out.push_back(*byte);
     return out;
 }
 
@@ -93,16 +68,22 @@ std::string Hex(std::span<const std::uint8_t> bytes) {
 }
 
 std::string DescribeAnswer(std::span<const std::uint8_t> answer) {
+    // Enough to make a failed expectation explain itself; not a full table.
+    static const std::map<std::uint16_t, const char*> kReadings{
+        {0x9000, "success"},
+        {0x9100, "DESFire success"},
+        {0x91AF, "DESFire: more frames"},
+        {0x6300, "authentication failed"},
+        {0x6700, "wrong length"},
+        {0x6982, "security status not satisfied"},
+        {0x6A82, "file or block not found"},
+    };
     if (answer.size() < 2) return answer.empty() ? "no answer" : "one byte " + Hex(answer);
     const auto sw = static_cast<std::uint16_t>(answer[answer.size() - 2] << 8 | answer[answer.size() - 1]);
-    std::string text = "status " + Hex(answer.subspan(answer.size() - 2));
-    for (const auto& reading : kStatusReadings) {
-        if (reading.sw == sw) return text + " (" + std::string(reading.meaning) + ")";
-    }
-    return text;
+    const std::string text = "status " + Hex(answer.subspan(answer.size() - 2));
+    const auto reading = kReadings.find(sw);
+    return reading == kReadings.end() ? text : text + " (" + reading->second + ")";
 }
-
-// ---- Exchange ----------------------------------------------------------------
 
 ScriptedPcsc::Exchange& ScriptedPcsc::Exchange::Reply(std::string_view hex) {
     return Reply(Bytes(hex));
@@ -136,10 +117,8 @@ ScriptedPcsc::Exchange& ScriptedPcsc::Exchange::Times(std::size_t count) {
     return *this;
 }
 
-// ---- ScriptedPcsc --------------------------------------------------------------
-
 ScriptedPcsc::~ScriptedPcsc() {
-    if (allowUnconsumed_ || script_.empty()) return;
+    if (script_.empty()) return;
     std::string list;
     for (const auto& exchange : script_)
         list += "\n  " + exchange.patternText_;
@@ -149,71 +128,42 @@ ScriptedPcsc::~ScriptedPcsc() {
 
 ScriptedPcsc::Exchange& ScriptedPcsc::Expect(std::string_view commandHex) {
     Exchange exchange;
-    const std::string digits = Compact(commandHex);
-    if (digits.size() % 2 != 0)
-        ADD_FAILURE() << "odd number of hex digits in expected command \"" << commandHex << "\"";
-    std::string text;
-    for (std::size_t i = 0; i + 1 < digits.size(); i += 2) {
-        if (!text.empty()) text.push_back(' ');
-        if (digits[i] == '?' && digits[i + 1] == '?') {
-            exchange.pattern_.emplace_back(std::nullopt);
-            text += "??";
-            continue;
-        }
-        const int high = Nibble(digits[i]);
-        const int low = Nibble(digits[i + 1]);
-        if (high < 0 || low < 0) ADD_FAILURE() << "not hex in expected command \"" << commandHex << "\"";
-        const auto value = static_cast<std::uint8_t>(std::max(high, 0) * 16 + std::max(low, 0));
-        exchange.pattern_.emplace_back(value);
-        text += Hex(std::span(&value, 1));
+    exchange.pattern_ = Parse(commandHex, true);
+    for (const auto& byte : exchange.pattern_) {
+        if (!exchange.patternText_.empty()) exchange.patternText_.push_back(' ');
+        exchange.patternText_ += byte ? Hex(std::span(&*byte, 1)) : "??";
     }
-    exchange.patternText_ = std::move(text);
     std::lock_guard lock(mutex_);
     script_.push_back(std::move(exchange));
     return script_.back();
 }
 
+ScriptedPcsc& ScriptedPcsc::Queue(const char* function, Result result) {
+    std::lock_guard lock(mutex_);
+    queued_[function].push_back(std::move(result));
+    return *this;
+}
+
 ScriptedPcsc& ScriptedPcsc::WillEstablishContext(std::uint32_t code, PcscHandle context) {
-    std::lock_guard lock(mutex_);
-    establish_.push_back({.code = code, .handle = context});
-    return *this;
+    return Queue("EstablishContext", {.code = code, .handle = context});
 }
-
 ScriptedPcsc& ScriptedPcsc::WillReleaseContext(std::uint32_t code) {
-    std::lock_guard lock(mutex_);
-    release_.push_back({.code = code});
-    return *this;
+    return Queue("ReleaseContext", {.code = code});
 }
-
 ScriptedPcsc& ScriptedPcsc::WillListReaders(std::uint32_t code, std::vector<std::string> readers) {
-    std::lock_guard lock(mutex_);
-    list_.push_back({.code = code, .names = std::move(readers)});
-    return *this;
+    return Queue("ListReaders", {.code = code, .names = std::move(readers)});
 }
-
 ScriptedPcsc& ScriptedPcsc::WillConnect(std::uint32_t code, PcscHandle card, std::uint32_t protocol) {
-    std::lock_guard lock(mutex_);
-    connect_.push_back({.code = code, .handle = card, .protocol = protocol});
-    return *this;
+    return Queue("Connect", {.code = code, .handle = card, .protocol = protocol});
 }
-
 ScriptedPcsc& ScriptedPcsc::WillDisconnect(std::uint32_t code) {
-    std::lock_guard lock(mutex_);
-    disconnect_.push_back({.code = code});
-    return *this;
+    return Queue("Disconnect", {.code = code});
 }
-
 ScriptedPcsc& ScriptedPcsc::WillReportStatus(std::uint32_t code, PcscStatus status) {
-    std::lock_guard lock(mutex_);
-    status_.push_back({.code = code, .status = std::move(status)});
-    return *this;
+    return Queue("Status", {.code = code, .status = std::move(status)});
 }
-
 ScriptedPcsc& ScriptedPcsc::WillGetAttrib(std::uint32_t code, std::string_view valueHex) {
-    auto value = Bytes(valueHex);
-    std::lock_guard lock(mutex_);
-    attrib_.push_back({.code = code, .bytes = std::move(value)});
-    return *this;
+    return Queue("GetAttrib", {.code = code, .bytes = Bytes(valueHex)});
 }
 
 std::size_t ScriptedPcsc::Pending() const {
@@ -229,22 +179,12 @@ std::vector<ScriptedPcsc::Call> ScriptedPcsc::Calls() const {
     return calls_;
 }
 
-std::vector<std::string> ScriptedPcsc::CallNames() const {
-    std::lock_guard lock(mutex_);
-    std::vector<std::string> names;
-    for (const auto& call : calls_)
-        names.push_back(call.function);
-    return names;
-}
-
 std::vector<std::string> ScriptedPcsc::Transmitted() const {
-    std::lock_guard lock(mutex_);
     std::vector<std::string> sent;
-    for (const auto& call : calls_) {
-        if (call.function != "Transmit") continue;
+    for (const auto& call : Calls()) {
         // The detail ends with the command bytes, after "protocol=N ".
-        const auto at = call.detail.find(' ', call.detail.find("protocol="));
-        sent.push_back(at == std::string::npos ? std::string{} : call.detail.substr(at + 1));
+        if (call.function == "Transmit")
+            sent.push_back(call.detail.substr(call.detail.find(' ', call.detail.find("protocol=")) + 1));
     }
     return sent;
 }
@@ -254,87 +194,73 @@ std::vector<std::uint32_t> ScriptedPcsc::AttributesAsked() const {
     return attributes_;
 }
 
-std::optional<ScriptedPcsc::Result> ScriptedPcsc::Next(std::deque<Result>& queue) {
+std::optional<ScriptedPcsc::Result> ScriptedPcsc::Next(std::string function, std::string detail) {
+    calls_.push_back({function, std::move(detail)});
+    auto& queue = queued_[function];
     if (queue.empty()) return std::nullopt;
     Result result = std::move(queue.front());
     queue.pop_front();
     return result;
 }
 
-void ScriptedPcsc::Record(std::string function, std::string detail) {
-    calls_.push_back({std::move(function), std::move(detail)});
-}
-
 std::uint32_t ScriptedPcsc::EstablishContext(std::uint32_t scope, PcscHandle& context) {
     std::lock_guard lock(mutex_);
-    Record("EstablishContext", "scope=" + std::to_string(scope));
-    const auto result = Next(establish_);
-    const std::uint32_t code = result ? result->code : 0;
-    if (code == 0) context = result ? result->handle : defaults.context;
-    return code;
+    const auto result = Next("EstablishContext", "scope=" + std::to_string(scope));
+    if (!result || result->code == 0) context = result ? result->handle : defaults.context;
+    return result ? result->code : 0;
 }
 
 std::uint32_t ScriptedPcsc::ReleaseContext(PcscHandle context) {
     std::lock_guard lock(mutex_);
-    Record("ReleaseContext", "context=" + HexCode(static_cast<std::uint64_t>(context)));
-    const auto result = Next(release_);
+    const auto result = Next("ReleaseContext", "context=" + HexCode(static_cast<std::uint64_t>(context)));
     return result ? result->code : 0;
 }
 
 std::uint32_t ScriptedPcsc::ListReaders(PcscHandle context, std::vector<std::string>& readers) {
     std::lock_guard lock(mutex_);
-    Record("ListReaders", "context=" + HexCode(static_cast<std::uint64_t>(context)));
-    const auto result = Next(list_);
-    const std::uint32_t code = result ? result->code : 0;
+    const auto result = Next("ListReaders", "context=" + HexCode(static_cast<std::uint64_t>(context)));
     readers.clear();
-    if (code == 0) readers = result ? result->names : defaults.readers;
-    return code;
+    if (!result || result->code == 0) readers = result ? result->names : defaults.readers;
+    return result ? result->code : 0;
 }
 
 std::uint32_t ScriptedPcsc::Connect(PcscHandle context, const std::string& reader, std::uint32_t shareMode,
                                     std::uint32_t preferredProtocols, PcscHandle& card, std::uint32_t& activeProtocol) {
     std::lock_guard lock(mutex_);
-    Record("Connect", "context=" + HexCode(static_cast<std::uint64_t>(context)) + " reader=\"" + reader +
-                          "\" share=" + std::to_string(shareMode) + " protocols=" + std::to_string(preferredProtocols));
-    const auto result = Next(connect_);
-    const std::uint32_t code = result ? result->code : 0;
-    if (code == 0) {
+    const auto result = Next("Connect", "context=" + HexCode(static_cast<std::uint64_t>(context)) + " reader=\"" +
+                                            reader + "\" share=" + std::to_string(shareMode) +
+                                            " protocols=" + std::to_string(preferredProtocols));
+    if (!result || result->code == 0) {
         card = result ? result->handle : defaults.card;
         activeProtocol = result ? result->protocol : defaults.protocol;
     }
-    return code;
+    return result ? result->code : 0;
 }
 
 std::uint32_t ScriptedPcsc::Disconnect(PcscHandle card, std::uint32_t disposition) {
     std::lock_guard lock(mutex_);
-    Record("Disconnect",
-           "card=" + HexCode(static_cast<std::uint64_t>(card)) + " disposition=" + std::to_string(disposition));
-    const auto result = Next(disconnect_);
+    const auto result = Next("Disconnect", "card=" + HexCode(static_cast<std::uint64_t>(card)) +
+                                               " disposition=" + std::to_string(disposition));
     return result ? result->code : 0;
 }
 
 std::uint32_t ScriptedPcsc::Status(PcscHandle card, PcscStatus& status) {
     std::lock_guard lock(mutex_);
-    Record("Status", "card=" + HexCode(static_cast<std::uint64_t>(card)));
-    const auto result = Next(status_);
-    const std::uint32_t code = result ? result->code : 0;
-    if (code != 0) return code;
+    const auto result = Next("Status", "card=" + HexCode(static_cast<std::uint64_t>(card)));
     if (result) {
-        status = result->status;
-    } else {
-        status.readerName = defaults.readers.empty() ? std::string{} : defaults.readers.front();
-        status.state = defaults.state;
-        status.protocol = defaults.protocol;
-        status.atr = defaults.atr;
+        if (result->code == 0) status = result->status;
+        return result->code;
     }
+    status = {defaults.readers.empty() ? std::string{} : defaults.readers.front(), defaults.state, defaults.protocol,
+              defaults.atr};
     return 0;
 }
 
 std::uint32_t ScriptedPcsc::GetAttrib(PcscHandle card, std::uint32_t attribute, std::vector<std::uint8_t>& value) {
     std::lock_guard lock(mutex_);
-    Record("GetAttrib", "card=" + HexCode(static_cast<std::uint64_t>(card)) + " attribute=" + HexCode(attribute));
     attributes_.push_back(attribute);
-    if (const auto result = Next(attrib_)) {
+    if (const auto result = Next(
+            "GetAttrib", "card=" + HexCode(static_cast<std::uint64_t>(card)) + " attribute=" + HexCode(attribute))) {
         if (result->code == 0) value = result->bytes;
         return result->code;
     }
@@ -342,40 +268,33 @@ std::uint32_t ScriptedPcsc::GetAttrib(PcscHandle card, std::uint32_t attribute, 
         value = it->second;
         return 0;
     }
-    if (attribute == pcsc_const::AttrAtrString) {
-        value = defaults.atr;
-        return 0;
-    }
-    return pcsc_code::UnsupportedFeature;
+    if (attribute != pcsc_const::AttrAtrString) return pcsc_code::UnsupportedFeature;
+    value = defaults.atr;
+    return 0;
 }
 
 std::uint32_t ScriptedPcsc::Transmit(PcscHandle card, std::uint32_t protocol, std::span<const std::uint8_t> command,
                                      std::span<std::uint8_t> answer, std::size_t& received) {
     std::lock_guard lock(mutex_);
     const std::string sent = Hex(command);
-    Record("Transmit",
-           "card=" + HexCode(static_cast<std::uint64_t>(card)) + " protocol=" + std::to_string(protocol) + " " + sent);
+    Next("Transmit",
+         "card=" + HexCode(static_cast<std::uint64_t>(card)) + " protocol=" + std::to_string(protocol) + " " + sent);
     const std::size_t number = ++transmissions_;
     const std::size_t capacity = received;
     received = 0;
-
     if (script_.empty()) {
         ADD_FAILURE() << "transmission #" << number << " after the script ran out:\n  sent     " << sent;
         return kOffScript;
     }
+
     Exchange& exchange = script_.front();
     const bool matches =
         exchange.pattern_.size() == command.size() &&
         std::equal(command.begin(), command.end(), exchange.pattern_.begin(),
                    [](std::uint8_t byte, const std::optional<std::uint8_t>& want) { return !want || *want == byte; });
-
-    std::vector<std::uint8_t> reply;
-    if (exchange.responder_ && exchange.code_ == 0) {
-        reply = exchange.responder_(command);
-    } else {
-        reply = exchange.answer_;
-    }
     const std::uint32_t code = exchange.code_;
+    const std::vector<std::uint8_t> reply =
+        exchange.responder_ && code == 0 ? exchange.responder_(command) : exchange.answer_;
     const auto reported = exchange.reportedLength_;
     if (!matches) {
         ADD_FAILURE() << "transmission #" << number << " differs from the script:\n  expected " << exchange.patternText_
@@ -383,9 +302,9 @@ std::uint32_t ScriptedPcsc::Transmit(PcscHandle card, std::uint32_t protocol, st
                       << (code != 0 ? "PC/SC failure " + HexCode(code) : Hex(reply) + ", " + DescribeAnswer(reply));
     }
     if (--exchange.remaining_ == 0) script_.pop_front();
-
     if (code != 0) return code;
-    const std::size_t copied = std::min(reply.size(), std::min(capacity, answer.size()));
+
+    const std::size_t copied = std::min({reply.size(), capacity, answer.size()});
     std::copy_n(reply.begin(), copied, answer.begin());
     received = reported ? *reported : copied;
     if (!reported && reply.size() > capacity) {

@@ -14,7 +14,7 @@
 // A command that differs from the script, or a transmission after the script
 // ran out, is a GoogleTest failure that shows both commands in hex and the
 // status word the script held; unconsumed exchanges are reported when the
-// fake is destroyed (unless AllowUnconsumed()).
+// fake is destroyed.
 #pragma once
 
 #include <cstddef>
@@ -118,16 +118,13 @@ public:
     /// `value` is hex text; it is returned for whichever attribute is asked.
     ScriptedPcsc& WillGetAttrib(std::uint32_t code, std::string_view valueHex = {});
 
-    /// Leaves unconsumed exchanges unreported at destruction.
-    void AllowUnconsumed() { allowUnconsumed_ = true; }
+    Defaults defaults;
+
     /// Exchanges still expected.
     std::size_t Pending() const;
 
-    Defaults defaults;
-
-    /// Every call in order; only the function names; only the transmitted commands.
+    /// Every call in order; only the transmitted commands.
     std::vector<Call> Calls() const;
-    std::vector<std::string> CallNames() const;
     std::vector<std::string> Transmitted() const;
     /// Attributes asked for through GetAttrib, in order.
     std::vector<std::uint32_t> AttributesAsked() const;
@@ -157,16 +154,16 @@ private:
         PcscStatus status{};
     };
 
-    std::optional<Result> Next(std::deque<Result>& queue);
-    void Record(std::string function, std::string detail);
+    ScriptedPcsc& Queue(const char* function, Result result);
+    /// Records the call and takes the next scripted result of its function, if any.
+    std::optional<Result> Next(std::string function, std::string detail);
 
     mutable std::mutex mutex_;
     std::deque<Exchange> script_;
     std::size_t transmissions_ = 0;
-    std::deque<Result> establish_, release_, list_, connect_, disconnect_, status_, attrib_;
+    std::map<std::string, std::deque<Result>> queued_;  ///< by function name
     std::vector<Call> calls_;
     std::vector<std::uint32_t> attributes_;
-    bool allowUnconsumed_ = false;
 };
 
 }  // namespace elatectwn4::test
