@@ -18,7 +18,7 @@
 #include <utility>
 #include <vector>
 
-#include "com/typelib.h"
+#include "com/member.h"
 #include "elatectwn4/dispatch.h"
 #include "elatectwn4/types.h"
 

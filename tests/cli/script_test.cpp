@@ -62,12 +62,16 @@ TEST(ParseScript, KeepsNarrationInOrderAndAcceptsCrLf) {
     EXPECT_EQ(calls[2].narration, "two words");
 }
 
-TEST(ParseWords, SplitsCallsAtDoubleDashes) {
-    const auto calls = ParseWords({"ATRString", "--", "CardType", "--", "ReadSerialNumber"});
+TEST(ParseWords, SplitsCallsAtDoubleDashesAndSetsAPropertyGivenAValue) {
+    const auto calls = ParseWords({"Parameters", "Device=R", "--", "parameters", "--", "ReadSerialNumber"});
     ASSERT_EQ(calls.size(), 3u);
+    EXPECT_EQ(calls[0].member->kind, MemberKind::PropertyPut);
+    EXPECT_EQ(calls[0].args, std::vector<Variant>{std::string("Device=R")});
     EXPECT_EQ(calls[1].member->kind, MemberKind::PropertyGet);
+    EXPECT_EQ(calls[2].member->kind, MemberKind::Method);
     EXPECT_THROW(ParseWords({"ATRString", "--"}), UsageError);
     EXPECT_THROW(ParseWords({"--", "ATRString"}), UsageError);
+    EXPECT_THROW(ParseWords({"ATRString", "x"}), UsageError);  // a property without a put takes no value
 }
 
 }  // namespace

@@ -69,29 +69,6 @@ static_assert(!TypeNamesFit<&Probe::Shape>(kLongAsUnknownName), "not a public en
 static_assert(!CountFits<&Probe::Shape>(kOneShort) && !InOutFits<&Probe::Shape>(kOneShort));
 static_assert(!OptionalsFit(kOptionalFirst) && !OptionalsFit(kOptionalInOut));
 
-TEST(MemberRow, DescribesEachParameterFromTheSignature) {
-    const auto& params = kParamInfo<&Probe::Shape, kShape>;
-    struct Expected {
-        ValueType type;
-        std::string_view typeName;
-        bool inOut;
-    };
-    const Expected expected[] = {
-        {ValueType::Long, "Long", false},      {ValueType::String, "String", false},
-        {ValueType::Byte, "Byte", false},      {ValueType::String, "String", true},
-        {ValueType::Long, "Long", true},       {ValueType::Byte, "Byte", true},
-        {ValueType::Variant, "Variant", true}, {ValueType::Long, "DesfireKeySettings", false},
-    };
-    ASSERT_EQ(params.size(), std::size(expected));
-    for (std::size_t i = 0; i < params.size(); ++i) {
-        EXPECT_EQ(params[i].name, kShape[i].name);
-        EXPECT_EQ(params[i].type, expected[i].type) << params[i].name;
-        EXPECT_EQ(params[i].typeName, expected[i].typeName) << params[i].name;
-        EXPECT_EQ(params[i].inOut, expected[i].inOut) << params[i].name;
-    }
-    EXPECT_EQ((kParamInfo<&Probe::Shape, kLongAsEnum>[0].typeName), "DesfireFileTypes");
-}
-
 TEST(MemberRow, CallsWithEveryArgumentAndWritesBackThroughTheReferences) {
     Probe probe;
     std::vector<Variant> args{std::int32_t{-7}, std::string("in"),  std::uint8_t{0xFE}, std::string("out"),

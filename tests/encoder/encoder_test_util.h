@@ -5,54 +5,32 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <ostream>
 #include <string>
 #include <vector>
 
 #include "elatectwn4/error.h"
+#include "support/record_text.h"
 #include "support/scripted_pcsc.h"
 
 namespace elatectwn4::test {
 
-/// What a 32-bit error number reads as through the signed record field,
-/// computed independently of the component's own helpers.
-constexpr std::int64_t Signed(std::uint32_t number) {
-    return number >= 0x80000000u ? static_cast<std::int64_t>(number) - (std::int64_t{1} << 32)
-                                 : static_cast<std::int64_t>(number);
-}
-
-struct Record {
-    std::int64_t number = 0;
-    std::string description;
-    std::int64_t lastDllError = 0;
-    std::string comFunction;
-    std::string rdrCommand;
-    std::string rdrRetCode;
-
-    bool operator==(const Record&) const = default;
-};
+/// The record as one comparable line (support/record_text.h).
+using Record = std::string;
 
 inline Record Of(const CError& e) {
-    return {e.Number, e.Description, e.LastDllError, e.ComFunction, e.RdrCommand, e.RdrRetCode};
+    return RecordText(e);
 }
 
-/// The record of a failure with a component error number.
-inline Record Failure(std::uint32_t number, std::string description, std::string comFunction,
-                      std::string rdrCommand = {}, std::string rdrRetCode = {}, std::uint32_t lastDllError = 0) {
-    return {Signed(number),         std::move(description), Signed(lastDllError),
-            std::move(comFunction), std::move(rdrCommand),  std::move(rdrRetCode)};
+/// The record of a failure: the number, its text, the operation and the reader's side.
+inline Record Failure(std::uint32_t number, const std::string& description, const std::string& comFunction,
+                      const std::string& rdrCommand = {}, const std::string& rdrRetCode = {},
+                      std::uint32_t lastDllError = 0) {
+    return RecordText(number, description, lastDllError, comFunction, rdrCommand, rdrRetCode);
 }
 
 /// The record after a success of `operation`.
-inline Record Cleared(std::string operation) {
-    return {0, "", 0, std::move(operation), "", ""};
-}
-
-inline void PrintTo(const Record& r, std::ostream* os) {
-    *os << "{Number " << r.number << " (0x" << std::hex << static_cast<std::uint32_t>(r.number) << std::dec << "), \""
-        << r.description << "\", LastDllError 0x" << std::hex << static_cast<std::uint32_t>(r.lastDllError) << std::dec
-        << ", ComFunction \"" << r.comFunction << "\", RdrCommand \"" << r.rdrCommand << "\", RdrRetCode \""
-        << r.rdrRetCode << "\"}";
+inline Record Cleared(const std::string& operation) {
+    return RecordText(0, "", 0, operation, "", "");
 }
 
 /// Every call the fake saw, as "Function detail".
