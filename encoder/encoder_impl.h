@@ -2,7 +2,6 @@
 // the session through this one structure.
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <memory>
 #include <optional>
