@@ -20,21 +20,6 @@ const MemberInfo* Resolve(std::string_view name, bool withValue) {
     return FindMember("_Encoder", name, MemberKind::PropertyGet);
 }
 
-Variant DefaultOf(ValueType type) {
-    switch (type) {
-        case ValueType::String:
-            return std::string();
-        case ValueType::Long:
-            return std::int32_t{0};
-        case ValueType::Byte:
-            return std::uint8_t{0};
-        case ValueType::Boolean:
-            return false;
-        default:
-            return {};
-    }
-}
-
 // Text as typed on a command line, converted to what the parameter takes.
 Variant FromText(const std::string& text, const ParamInfo& p) {
     switch (p.type) {

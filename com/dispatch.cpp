@@ -219,6 +219,21 @@ Variant ConvertArgument(const Variant& value, ValueType type, int index) {
     throw DispatchError(DispatchError::Reason::TypeMismatch, Where(index) + "cannot be passed", index);
 }
 
+Variant DefaultOf(ValueType type) {
+    switch (type) {
+        case ValueType::String:
+            return std::string();
+        case ValueType::Long:
+            return std::int32_t{0};
+        case ValueType::Byte:
+            return std::uint8_t{0};
+        case ValueType::Boolean:
+            return false;
+        default:
+            return {};
+    }
+}
+
 std::string ToText(const Variant& value) {
     return std::visit(
         [](const auto& x) -> std::string {
@@ -251,23 +266,6 @@ std::string ToText(const Variant& value) {
 
 namespace {
 
-// What the member receives for an optional argument the caller left out:
-// the type's zero, or nothing for a Variant (which the member then tells apart).
-Variant AbsentArgument(ValueType type) {
-    switch (type) {
-        case ValueType::String:
-            return std::string();
-        case ValueType::Long:
-            return std::int32_t{0};
-        case ValueType::Byte:
-            return std::uint8_t{0};
-        case ValueType::Boolean:
-            return false;
-        default:
-            return {};
-    }
-}
-
 template <typename Call>
 auto InvokeRow(const com::MemberRow& row, std::vector<Variant>& args, Call call) {
     const auto& params = row.info.params;
@@ -287,7 +285,7 @@ auto InvokeRow(const com::MemberRow& row, std::vector<Variant>& args, Call call)
         if (i < args.size()) {
             working.push_back(ConvertArgument(args[i], params[i].type, static_cast<int>(i)));
         } else {
-            working.push_back(AbsentArgument(params[i].type));
+            working.push_back(DefaultOf(params[i].type));
         }
     }
     auto result = call(working);

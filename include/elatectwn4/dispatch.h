@@ -105,6 +105,10 @@ ELATECTWN4_API Variant Invoke(CError& error, std::string_view name, MemberKind k
 /// Converts `value` to `type` as the dispatcher does; throws DispatchError.
 ELATECTWN4_API Variant ConvertArgument(const Variant& value, ValueType type, int argumentIndex = -1);
 
+/// The zero of a type: "" for a String, 0 for a Long or a Byte, False for a
+/// Boolean, nothing for a Variant. What an absent optional argument passes.
+ELATECTWN4_API Variant DefaultOf(ValueType type);
+
 /// Text of a value for people ("sceSuccess" is not applied here: plain values).
 ELATECTWN4_API std::string ToText(const Variant& value);
 

@@ -52,7 +52,7 @@ TEST(ParametersText, YieldsTheEntriesByTheParsingRules) {
         {" CONFORMANCE = Card ;Device=R", "R", true},
         {"Conformance=cards", std::nullopt, false},
         {"Conformance", std::nullopt, false},
-        {"Conformance=card;conformance=spec", std::nullopt, false},
+        {"Conformance=card;conformance=own", std::nullopt, false},
         {"Conformance=card\r\nDevice=R;Conformance=x", "R;Conformance=x", true},
     };
     for (const auto& c : cases) {
