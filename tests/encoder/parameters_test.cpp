@@ -154,27 +154,5 @@ TEST(ErrorNumbers, ReadBackNegativeThroughTheSignedRecord) {
     EXPECT_EQ(encoder.LastError().LastDllError, -2146435042);
     EXPECT_EQ(encoder.LastError().RdrRetCode, "The Smart card resource manager has shut down.");
 }
-
-TEST(SessionKey, IsOverwrittenBeforeTheSessionForgetsIt) {
-    DesfireSession session;
-    session.selectedApplicationId = "010203";
-    session.sessionKey = "00112233445566778899AABBCCDDEEFF";
-    session.authenticatedKeyNumber = 3;
-    session.versionCache = {1, 2, 3};
-    const char* buffer = session.sessionKey.data();
-    const std::size_t length = session.sessionKey.size();
-
-    session.Reset();
-
-    EXPECT_EQ(session.sessionKey, "");
-    EXPECT_EQ(session.selectedApplicationId, "");
-    EXPECT_EQ(session.authenticatedKeyNumber, -1);
-    EXPECT_TRUE(session.versionCache.empty());
-    // clear() keeps the buffer: what it held must be gone, not just unreferenced.
-    ASSERT_EQ(session.sessionKey.data(), buffer);
-    for (std::size_t i = 0; i < length; ++i)
-        EXPECT_EQ(buffer[i], '\0') << "byte " << i;
-}
-
 }  // namespace
 }  // namespace elatectwn4::test
