@@ -80,6 +80,7 @@ struct Encoder::Impl {
     std::mt19937 random;  ///< GetInformation's instance number only; never for keys
 
     mifare::Context mifareContext();
+    desfire::Context desfireContext();
 
     /// Takes the entries of a Parameters text that it holds; the others keep
     /// their values, and an open session stays open.

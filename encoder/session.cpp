@@ -82,6 +82,10 @@ mifare::Context Encoder::Impl::mifareContext() {
     return mifare::Context{channel, error, accessConditions, [this] { return SelectCardInRange(); }};
 }
 
+desfire::Context Encoder::Impl::desfireContext() {
+    return desfire::Context{channel, error, desfire, CardConformance()};
+}
+
 void Encoder::Impl::IdentifyCardType(std::string_view atr) {
     registry::CardIdentity identity = registry::IdentifyCardType(atr);
     atrText = std::move(identity.atr);

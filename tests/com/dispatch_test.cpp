@@ -20,9 +20,12 @@ namespace {
 constexpr const char* kReader = "Virtual PCD 00 00";
 constexpr const char* kTransportKey = "FFFFFFFFFFFF";
 
+constexpr const char* kDesfireFactoryKey = "0000000000000000";
+
 struct SimulatedEncoder {
-    SimulatedEncoder() : pcsc(std::make_shared<sim::SimulatedPcsc>()), encoder(pcsc) {
-        pcsc->FindReader(kReader)->Insert(sim::MakeCard("mifare1k"));
+    explicit SimulatedEncoder(const std::string& kind = "mifare1k")
+        : pcsc(std::make_shared<sim::SimulatedPcsc>()), encoder(pcsc) {
+        pcsc->FindReader(kReader)->Insert(sim::MakeCard(kind));
         encoder.Parameters(std::string("Device=") + kReader);
         EXPECT_EQ(encoder.OpenEncoder(), sceSuccess);
     }
@@ -50,6 +53,12 @@ Variant SampleArgument(const ParamInfo& p) {
         {"sw1sw2", std::string("9000")},
         {"sCommand", std::string("FF CA 00 00 00")},
         {"Value", std::int32_t{7}},
+        {"ApplicationId", std::string("A1B2C3")},
+        {"KeyValue", std::string(kDesfireFactoryKey)},
+        {"OldKey", std::string(kDesfireFactoryKey)},
+        {"NewKey", std::string(kDesfireFactoryKey)},
+        {"NumOfKeys", std::int32_t{1}},
+        {"KeySettings", std::int32_t{0x0F}},
     };
     if (auto it = byName.find(p.name); it != byName.end()) {
         if (p.type == ValueType::String && p.name == "Value") return std::string("Device=") + kReader;
@@ -85,11 +94,21 @@ bool HoldsDeclaredType(const Variant& v, ValueType type) {
 }
 
 TEST(Dispatch, EveryEncoderMemberIsCallableByNameWithItsDeclaredTypes) {
-    SimulatedEncoder sim;
+    SimulatedEncoder mifare;
+    // The DESFire members run in the order of the table on a card with
+    // application A1B2C3, each after a fresh card-level authentication.
+    SimulatedEncoder desfire("desfire");
+    ASSERT_EQ(desfire.encoder.DESFireSelectRoot(kDesfireFactoryKey), sceSuccess);
+    ASSERT_EQ(desfire.encoder.DESFireCreateApplication("A1B2C3", DesfireKeySettings(0x0F), 1), sceSuccess);
     int called = 0;
     for (const auto& m : Members()) {
         if (m.interfaceName != "_Encoder") continue;
         SCOPED_TRACE(Signature(m));
+        const bool isDesfire = m.name.starts_with("DESFire");
+        SimulatedEncoder& sim = isDesfire ? desfire : mifare;
+        if (isDesfire) {
+            ASSERT_EQ(sim.encoder.DESFireSelectRoot(kDesfireFactoryKey), sceSuccess);
+        }
         std::vector<Variant> args;
         for (const auto& p : m.params) {
             if (!p.optional) args.push_back(SampleArgument(p));
