@@ -1,6 +1,7 @@
 #include "desfire/exchange.h"
 
 #include "cipher/wipe.h"
+#include "command/hex.h"
 
 namespace elatectwn4::desfire {
 
@@ -8,22 +9,13 @@ namespace {
 
 constexpr std::string_view kNothingReceived = "FFFF";
 
-int HexValue(char c) noexcept {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    return -1;
-}
-
 }  // namespace
 
-bool Reply::IsStatus(std::uint8_t code) const noexcept {
+bool Reply::IsStatus(std::uint8_t code) const {
+    // The command layer writes statuses in upper-case digits.
     std::string_view digits = status;
     if (digits.size() == 4 && digits.substr(0, 2) == "91") digits.remove_prefix(2);
-    if (digits.size() != 2) return false;
-    const int high = HexValue(digits[0]);
-    const int low = HexValue(digits[1]);
-    return high >= 0 && low >= 0 && high * 16 + low == code;
+    return digits == command::ByteHex(code);
 }
 
 Reply Exchange(Context& ctx, std::uint32_t code, const command::Params& params, bool gatherFrames) {

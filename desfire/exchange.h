@@ -25,9 +25,9 @@ struct Reply {
 
     /// The card reports the end of a successful command: "00", or "9100" in
     /// the wrapped form.
-    bool Completed() const noexcept { return outcome == Outcome::Answered && IsStatus(0x00); }
+    bool Completed() const { return outcome == Outcome::Answered && IsStatus(0x00); }
     /// The status is `code`, answered natively ("AF") or wrapped ("91AF").
-    bool IsStatus(std::uint8_t code) const noexcept;
+    bool IsStatus(std::uint8_t code) const;
 };
 
 /// Sends command `code` with `params`; with `gatherFrames` the continuation

@@ -8,6 +8,7 @@
 
 #include "apdu_fixture.h"
 #include "command/error_record.h"
+#include "desfire/exchange.h"
 
 namespace elatectwn4::desfire {
 namespace {
@@ -53,6 +54,22 @@ protected:
             fake->Expect(command).Reply(answer);
     }
 };
+
+TEST(DesfireStatus, TheNativeAndTheWrappedFormOfAStatusAreTheSameAnswer) {
+    struct Row {
+        const char* status;
+        std::uint8_t code;
+        bool same;
+    };
+    const Row rows[] = {{"00", 0x00, true},   {"9100", 0x00, true},  {"AF", 0xAF, true},  {"91AF", 0xAF, true},
+                        {"910C", 0x0C, true}, {"9000", 0x00, false}, {"0C", 0x00, false}, {"FFFF", 0x00, false},
+                        {"", 0x00, false},    {"9", 0x09, false}};
+    for (const Row& row : rows) {
+        Reply reply;
+        reply.status = row.status;
+        EXPECT_EQ(reply.IsStatus(row.code), row.same) << row.status;
+    }
+}
 
 TEST_F(DesfireMembers, ChecksComeFirstInTheirOrderAndNothingIsSent) {
     using Call = std::function<sceReturnCode(Context&)>;
