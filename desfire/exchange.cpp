@@ -25,6 +25,10 @@ Reply Exchange(Context& ctx, std::uint32_t code, const command::Params& params, 
     const sceReturnCode result =
         command::EncoderCommand(ctx.channel, code, params, response, reply.status, gatherFrames);
     reply.command = command::CommandName(code);
+    // A continuation frame carries the name of the transfer it continues.
+    if (reply.command.empty() && !params.empty()) {
+        if (const auto* name = std::get_if<std::string>(&params.front())) reply.command = *name;
+    }
     if (result == sceSuccess) {
         reply.outcome = Reply::Outcome::Answered;
         reply.data.assign(response.begin(), response.end());

@@ -71,6 +71,65 @@ TEST(DesfireStatus, TheNativeAndTheWrappedFormOfAStatusAreTheSameAnswer) {
     }
 }
 
+TEST_F(DesfireMembers, AnExchangeTellsAnAnswerARefusalAndAReaderFailureApart) {
+    struct Row {
+        std::uint32_t code;
+        command::Params params;
+        std::string sent;
+        std::string answer;  // "" with failure: the transmission fails
+        std::uint32_t failure;
+        Reply::Outcome outcome;
+        std::string command, status, data;
+    };
+    using O = Reply::Outcome;
+    const std::string keySettings = "DesfireGetKeySettings";
+    const Row rows[] = {
+        {command::cmd::DesfireGetKeySettings, {}, "45", "00 0F 01", 0, O::Answered, keySettings, "00", "0F01"},
+        {command::cmd::DesfireGetKeySettings, {}, "45", "AE", 0, O::Refused, keySettings, "AE", ""},
+        {command::cmd::DesfireGetKeySettings,
+         {},
+         "45",
+         "",
+         pcsc_code::RemovedCard,
+         O::ReaderFailed,
+         keySettings,
+         "FFFF",
+         ""},
+        // A continuation is named after the transfer it continues.
+        {command::cmd::DesfireContinue,
+         {std::string("DesfireWriteData"), std::string("02"), std::string("AABB")},
+         "AFAABB",
+         "1E",
+         0,
+         O::Refused,
+         "DesfireWriteData",
+         "1E",
+         ""},
+    };
+    // More frames announced for ever: the command layer gives up, not the card.
+    fake->Expect("60").Reply("AF 01");
+    fake->Expect("AF").Reply("AF 01").Times(command::MaxContinuationFrames);
+    const Reply endless = Exchange(ctx, command::cmd::DesfireGetVersion, {}, true);
+    EXPECT_EQ(endless.outcome, Reply::Outcome::ReaderFailed);
+    EXPECT_EQ(endless.status, "AF");
+
+    for (const Row& row : rows) {
+        fake = std::make_shared<test::ScriptedPcsc>();
+        channel.pcsc = fake.get();
+        auto& expected = fake->Expect(row.sent);
+        if (row.failure != 0) {
+            expected.Fail(row.failure);
+        } else {
+            expected.Reply(row.answer);
+        }
+        const Reply reply = Exchange(ctx, row.code, row.params, true);
+        EXPECT_EQ(reply.outcome, row.outcome) << row.answer;
+        EXPECT_EQ(reply.command, row.command);
+        EXPECT_EQ(reply.status, row.status);
+        EXPECT_EQ(ToHex(reply.data), row.data);
+    }
+}
+
 TEST_F(DesfireMembers, ChecksComeFirstInTheirOrderAndNothingIsSent) {
     using Call = std::function<sceReturnCode(Context&)>;
     struct Row {
