@@ -4,7 +4,7 @@
 #include <cmath>
 #include <optional>
 
-#include "command/hex.h"
+#include "cipher/bytes.h"
 #include "desfire/desfire.h"
 #include "desfire/operation.h"
 #include "desfire/secure_messaging.h"
@@ -36,16 +36,16 @@ bool IsTargetApplication(std::string& id) {
 }
 
 std::string TwoDigits(std::int32_t value) {
-    return command::ByteHex(static_cast<std::uint8_t>(value));
+    return cipher::ToHex(static_cast<std::uint8_t>(value));
 }
 
 // 16 hex digits (doubled: a single-DES key) or 32, blanks allowed.
-std::optional<SecretBytes<16>> ChangeKeyBytes(const std::string& text) {
-    const std::optional<SecretText> digits = KeyDigits(text);
-    if (!digits || (digits->get().size() != 16 && digits->get().size() != 32)) return std::nullopt;
-    SecretBytes<16> key;
-    DigitsToBytes(digits->get(), key.span());
-    if (digits->get().size() == 16) std::copy_n(key.data(), 8, key.data() + 8);
+std::optional<cipher::SecretBytes<16>> ChangeKeyBytes(const std::string& text) {
+    const std::optional<std::size_t> digits = cipher::CountHexDigits(text);
+    if (!digits || (*digits != 16 && *digits != 32)) return std::nullopt;
+    cipher::SecretBytes<16> key;
+    cipher::DecodeHex(text, std::span(key.data(), *digits / 2));
+    if (*digits == 16) std::copy_n(key.data(), 8, key.data() + 8);
     return key;
 }
 
@@ -99,7 +99,7 @@ sceReturnCode DESFireGetApplications(Context& ctx, std::string& Applications) {
     std::string list;
     for (std::size_t at = 0; at < reply->data.size(); at += kApplicationIdSize) {
         if (at != 0) list.push_back(',');
-        list += HexOf(std::span(reply->data).subspan(at, kApplicationIdSize));
+        list += cipher::ToHex(reply->data.view().subspan(at, kApplicationIdSize));
     }
     Applications = std::move(list);
     return sceSuccess;
@@ -116,7 +116,7 @@ sceReturnCode DESFireGetVersion(Context& ctx, std::int32_t RequestedInformation,
         const std::optional<Reply> reply = Run(ctx, kName, cmd::DesfireGetVersion);
         if (!reply) return sceError;
         if (reply->data.size() != kVersionSize) return OperationFailed(ctx, kName, *reply);
-        version = reply->data;
+        version.assign(reply->data.begin(), reply->data.end());
     }
 
     const auto bytes = [&](std::size_t first, std::size_t count) {
@@ -152,41 +152,41 @@ sceReturnCode DESFireChangeKey(Context& ctx, std::int32_t KeyNumber, const std::
     Session& session = ctx.session;
     if (!session.Authenticated()) return Refuse(ctx, ErrorNumber::NotAuthenticated, kName);
     if (!IsKeyNumber(session, KeyNumber)) return Refuse(ctx, ErrorNumber::BadKeyNumber, kName);
-    const std::optional<SecretBytes<16>> oldKey = ChangeKeyBytes(OldKey);
+    const std::optional<cipher::SecretBytes<16>> oldKey = ChangeKeyBytes(OldKey);
     if (!oldKey) return Refuse(ctx, ErrorNumber::BadKeyLength, kName);
-    const std::optional<SecretBytes<16>> newKey = ChangeKeyBytes(NewKey);
+    const std::optional<cipher::SecretBytes<16>> newKey = ChangeKeyBytes(NewKey);
     if (!newKey) return Refuse(ctx, ErrorNumber::BadKeyLength, kName);
 
-    std::vector<std::uint8_t> cryptogram;
+    const cipher::ByteView newBytes(newKey->data(), newKey->size());
+    cipher::SecretBuffer cryptogram;
     if (KeyNumber == session.authenticatedKeyNumber) {
         // The session's own key: new key, CRC, zero bytes (24 bytes).
-        const FramePiece piece{newKey->span(), 6};
+        const FramePiece piece{newBytes, 6};
         cryptogram = BuildEncipheredFrame(session, std::span(&piece, 1));
     } else {
-        SecretBytes<16> difference;
+        cipher::SecretBytes<16> difference;
         for (std::size_t i = 0; i < difference.size(); ++i)
             difference[i] = (*oldKey)[i] ^ (*newKey)[i];
+        const cipher::ByteView differenceBytes(difference.data(), difference.size());
         if (ctx.cardConformance) {
             // What the cards check: the difference, its CRC and the new key's
             // CRC in one padded run of 24 bytes.
-            SecretBuffer plain;
-            plain.Append(difference.span());
-            plain.Append(Crc16(difference.span()));
-            plain.Append(Crc16(newKey->span()));
-            plain.PadTo(24);
-            cryptogram = EncipherForCard(session, plain.span());
+            cipher::SecretBuffer plain;
+            plain.Append(differenceBytes);
+            plain.Append(Crc16(differenceBytes));
+            plain.Append(Crc16(newBytes));
+            plain.Resize(24);
+            cryptogram = EncipherForCard(session, plain.view());
         } else {
             // The component's own layout: the difference and the new key as
             // two padded pieces, 48 bytes in all.
-            const FramePiece pieces[] = {{difference.span(), 0}, {newKey->span(), 4}};
+            const FramePiece pieces[] = {{differenceBytes, 0}, {newBytes, 4}};
             cryptogram = BuildEncipheredFrame(session, pieces);
         }
     }
 
-    command::Params params{TwoDigits(KeyNumber), HexOf(cryptogram)};
-    const std::optional<Reply> reply = Run(ctx, kName, cmd::DesfireChangeKey, params);
-    cipher::SecureWipe(std::get<std::string>(params[1]));
-    return reply ? sceSuccess : sceError;
+    const command::Params params{TwoDigits(KeyNumber), cipher::ByteView(cryptogram.view())};
+    return Run(ctx, kName, cmd::DesfireChangeKey, params, {.secretFrom = "[KEY_DATA]"}) ? sceSuccess : sceError;
 }
 
 sceReturnCode DESFireGetKeyVersion(Context& ctx, std::int32_t KeyNumber, std::int32_t& KeyVersion) {
@@ -220,8 +220,11 @@ sceReturnCode DESFireChangeKeySettings(Context& ctx, std::int32_t KeySettings) {
     if (!IsByte(KeySettings)) return Refuse(ctx, ErrorNumber::InvalidParameter, kName);
     const std::uint8_t settings = static_cast<std::uint8_t>(KeySettings);
     const FramePiece piece{std::span(&settings, 1), 5};
-    const std::vector<std::uint8_t> cryptogram = BuildEncipheredFrame(ctx.session, std::span(&piece, 1));
-    return Run(ctx, kName, cmd::DesfireChangeKeySettings, {HexOf(cryptogram)}) ? sceSuccess : sceError;
+    const cipher::SecretBuffer cryptogram = BuildEncipheredFrame(ctx.session, std::span(&piece, 1));
+    return Run(ctx, kName, cmd::DesfireChangeKeySettings, {cipher::ByteView(cryptogram.view())},
+               {.secretFrom = "[KEY_SETTINGS]"})
+               ? sceSuccess
+               : sceError;
 }
 
 }  // namespace elatectwn4::desfire

@@ -11,8 +11,9 @@
 #include <vector>
 
 #include "cipher/des.h"
+#include "cipher/secret.h"
 #include "command/channel.h"
-#include "desfire/secret.h"
+#include "elatectwn4/error.h"
 #include "elatectwn4/types.h"
 #include "elatectwn4/variant.h"
 
@@ -31,8 +32,8 @@ inline constexpr std::string_view kCardLevel = "000000";
 /// What the last successful authentication established. The fields change
 /// together: a failed authentication leaves all of them as they were.
 struct Session {
-    std::string selectedApplicationId;  ///< 6 upper-case hex digits; "" = no session
-    SecretBytes<16> sessionKey;         ///< halves equal after a single-DES authentication
+    std::string selectedApplicationId;   ///< 6 upper-case hex digits; "" = no session
+    cipher::SecretBytes<16> sessionKey;  ///< halves equal after a single-DES authentication
     std::int32_t authenticatedKeyNumber = -1;
     std::vector<std::uint8_t> versionCache;  ///< the 28 bytes of GetVersion; empty = none
     /// The cipher every DESFire step loads its own keys into; made on first use.
@@ -56,14 +57,15 @@ struct Session {
 
 /// What the DESFire members need from the Encoder they run in.
 struct Context {
-    command::Channel& channel;  ///< transmission and the error record
+    command::Channel& channel;
+    CError& error;  ///< the Encoder's record
     Session& session;
     /// Conformance=card: frames as the cards document them where the
     /// component's own default differs (ChangeKey of another key).
     bool cardConformance = false;
 };
 
-// Every member reports through *channel.error and returns sceSuccess or
+// Every member reports through ctx.error and returns sceSuccess or
 // sceError. Arguments are checked in the order given, before anything is
 // sent; each check names the member in ComFunction. A card that answers
 // other than "00" ("9100") makes the member fail with 0x90010E03, the

@@ -4,6 +4,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "command/error_record.h"
 #include "desfire/exchange.h"
@@ -11,7 +12,7 @@
 namespace elatectwn4::desfire {
 
 inline CError& Record(Context& ctx) noexcept {
-    return *ctx.channel.error;
+    return ctx.error;
 }
 
 /// Records `number` with its own text and returns sceError.
@@ -24,14 +25,16 @@ inline sceReturnCode Refuse(Context& ctx, ErrorNumber number, const std::string&
 /// The command did not end in "00": 0x90010E03 with the command and the
 /// status as received.
 inline sceReturnCode OperationFailed(Context& ctx, const std::string& comFunction, const Reply& reply) {
-    return Refuse(ctx, ErrorNumber::OperationFailed, comFunction, "SCardTransmit:" + reply.command, reply.status);
+    return Refuse(ctx, ErrorNumber::OperationFailed, comFunction, "SCardTransmit:" + reply.command, reply.StatusText());
 }
 
-/// Sends one command and, unless the card completed it, records the
-/// failure. The reply on success, nullopt otherwise.
+/// Sends one command, gathering its continuation frames, and, unless the
+/// card completed it, records the failure. The reply on success, nullopt
+/// otherwise.
 inline std::optional<Reply> Run(Context& ctx, const std::string& comFunction, std::uint32_t code,
-                                const command::Params& params = {}) {
-    Reply reply = Exchange(ctx, code, params, true);
+                                const command::Params& params = {}, command::CommandOptions options = {}) {
+    options.moreResponse = true;
+    Reply reply = Exchange(ctx, code, params, options);
     if (reply.Completed()) return reply;
     OperationFailed(ctx, comFunction, reply);
     return std::nullopt;
@@ -49,15 +52,9 @@ inline void NameInFront(Context& ctx, const std::string& outer) {
 /// digits, blanks allowed; `id` is normalised (upper case, no blanks).
 bool IsApplicationId(std::string& id);
 
-/// Two upper-case hex digits per byte.
-std::string HexOf(std::span<const std::uint8_t> bytes);
-
 /// A key as upper-case hex digits without blanks, or nullopt when anything
 /// but hex digits and blanks is in it. Built in place, so no copy of the
 /// key is left behind in memory given back.
-std::optional<SecretText> KeyDigits(const std::string& text);
-
-/// The bytes of an even number of hex digits, into `out` (digits.size() / 2 bytes).
-void DigitsToBytes(std::string_view digits, std::span<std::uint8_t> out) noexcept;
+std::optional<cipher::SecretText> KeyDigits(std::string_view text);
 
 }  // namespace elatectwn4::desfire

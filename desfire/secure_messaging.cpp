@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
+#include "cipher/bytes.h"
 #include "cipher/convert.h"
-#include "desfire/operation.h"
 
 namespace elatectwn4::desfire {
 
@@ -20,7 +20,7 @@ std::size_t WholeBlocks(std::size_t size) noexcept {
 
 std::array<std::uint8_t, 2> Crc16(std::span<const std::uint8_t> data) {
     // The engine reads hex text; the data may be key bytes.
-    const SecretValue hex(HexOf(data));
+    const SecretValue hex(cipher::ToHex(data));
     const std::string crc = cipher::DES::CRC16(hex.get());  // "LL HH"
     const cipher::Value bytes = cipher::DES::ConvertData(crc, static_cast<std::int32_t>(cipher::DataForm::Bytes));
     return {bytes.Bytes().at(0), bytes.Bytes().at(1)};
@@ -34,37 +34,33 @@ void LoadKeys(cipher::DES& engine, const cipher::Value& k1, const cipher::Value&
 }
 
 std::int32_t LoadSessionKey(Session& session) {
-    const auto key = session.sessionKey.span();
-    const auto k1 = key.first<kBlock>();
-    const auto k2 = key.last<kBlock>();
-    const SecretValue k1Hex(HexOf(k1));
-    const SecretValue k2Hex(HexOf(k2));
+    const std::span<const std::uint8_t> k1(session.sessionKey.data(), kBlock);
+    const std::span<const std::uint8_t> k2(session.sessionKey.data() + kBlock, kBlock);
+    const SecretValue k1Hex(cipher::ToHex(k1));
+    const SecretValue k2Hex(cipher::ToHex(k2));
     LoadKeys(session.Engine(), k1Hex.get(), k2Hex.get());
     return std::equal(k1.begin(), k1.end(), k2.begin()) ? cipher::DES::kSingleDes : cipher::DES::kTripleDes;
 }
 
-SecretBuffer Transform(cipher::DES& engine, std::int32_t options, std::span<const std::uint8_t> data) {
+cipher::SecretBuffer Transform(cipher::DES& engine, std::int32_t options, std::span<const std::uint8_t> data) {
     const SecretValue input{cipher::ByteArray(data.begin(), data.end())};
     const SecretValue output{engine.Decrypt(input.get(), options)};
-    return SecretBuffer(output.get().Bytes());
+    return cipher::SecretBuffer(std::span<const std::uint8_t>(output.get().Bytes()));
 }
 
-std::vector<std::uint8_t> EncipherForCard(Session& session, std::span<const std::uint8_t> plain) {
+cipher::SecretBuffer EncipherForCard(Session& session, std::span<const std::uint8_t> plain) {
     const std::int32_t algorithm = LoadSessionKey(session);
-    const SecretBuffer frame = Transform(session.Engine(), algorithm | cipher::DES::kSendMode, plain);
-    return {frame.span().begin(), frame.span().end()};
+    return Transform(session.Engine(), algorithm | cipher::DES::kSendMode, plain);
 }
 
-std::vector<std::uint8_t> BuildEncipheredFrame(Session& session, std::span<const FramePiece> pieces) {
-    SecretBuffer plain;
+cipher::SecretBuffer BuildEncipheredFrame(Session& session, std::span<const FramePiece> pieces) {
+    cipher::SecretBuffer plain;
     for (const FramePiece& piece : pieces) {
         plain.Append(piece.data);
-        const auto crc = Crc16(piece.data);
-        plain.Append(crc);
-        plain.PadTo(plain.size() + piece.zeroBytes);
-        plain.PadTo(WholeBlocks(plain.size()));
+        plain.Append(Crc16(piece.data));
+        plain.Resize(WholeBlocks(plain.size() + piece.zeroBytes));
     }
-    return EncipherForCard(session, plain.span());
+    return EncipherForCard(session, plain.view());
 }
 
 }  // namespace elatectwn4::desfire

@@ -7,13 +7,40 @@
 #include <cstdint>
 #include <span>
 #include <string>
-#include <vector>
+#include <utility>
+#include <variant>
 
 #include "cipher/des.h"
+#include "cipher/secret.h"
+#include "cipher/value.h"
+#include "cipher/wipe.h"
 #include "desfire/desfire.h"
-#include "desfire/secret.h"
 
 namespace elatectwn4::desfire {
+
+/// A value of the DES engine that holds key material (a key's hex text, a
+/// block); whatever text or bytes it holds are overwritten when it ends.
+class SecretValue {
+public:
+    explicit SecretValue(cipher::Value value) noexcept : value_(std::move(value)) {}
+    SecretValue(const SecretValue&) = delete;
+    SecretValue& operator=(const SecretValue&) = delete;
+    SecretValue(SecretValue&& other) noexcept : value_(std::move(other.value_)) { Wipe(other.value_); }
+    SecretValue& operator=(SecretValue&&) = delete;
+    ~SecretValue() { Wipe(value_); }
+
+    cipher::Value& get() noexcept { return value_; }
+    const cipher::Value& get() const noexcept { return value_; }
+
+private:
+    static void Wipe(cipher::Value& value) noexcept {
+        auto& storage = value.Get();
+        if (auto* text = std::get_if<std::string>(&storage)) cipher::SecureWipe(*text);
+        if (auto* bytes = std::get_if<cipher::ByteArray>(&storage)) cipher::SecureWipe(*bytes);
+    }
+
+    cipher::Value value_;
+};
 
 /// One piece of an enciphered frame: its data, the data's CRC16, then
 /// `zeroBytes` zero bytes; the piece ends padded to a block boundary.
@@ -32,14 +59,14 @@ void LoadKeys(cipher::DES& engine, const cipher::Value& k1, const cipher::Value&
 std::int32_t LoadSessionKey(Session& session);
 
 /// Runs the engine with `options` over whole blocks.
-SecretBuffer Transform(cipher::DES& engine, std::int32_t options, std::span<const std::uint8_t> data);
+cipher::SecretBuffer Transform(cipher::DES& engine, std::int32_t options, std::span<const std::uint8_t> data);
 
 /// Whole blocks of plain data as the card receives them: send mode with the
 /// session key, one chain from the zero vector.
-std::vector<std::uint8_t> EncipherForCard(Session& session, std::span<const std::uint8_t> plain);
+cipher::SecretBuffer EncipherForCard(Session& session, std::span<const std::uint8_t> plain);
 
 /// The pieces one after another, each with its CRC, zero bytes and padding,
 /// then enciphered for the card as one chain.
-std::vector<std::uint8_t> BuildEncipheredFrame(Session& session, std::span<const FramePiece> pieces);
+cipher::SecretBuffer BuildEncipheredFrame(Session& session, std::span<const FramePiece> pieces);
 
 }  // namespace elatectwn4::desfire

@@ -32,7 +32,7 @@ struct AuthenticationKey {
 // 32 digits: Triple-DES with K1, K2; 1..16 digits: single DES with the key
 // as given (the engine fills a short key with zero bytes). nullopt for any
 // other length.
-std::optional<AuthenticationKey> SplitKey(const std::string& digits) {
+std::optional<AuthenticationKey> SplitKey(std::string_view digits) {
     AuthenticationKey key;
     if (digits.size() == 32) {
         key.algorithm = cipher::DES::kTripleDes;
@@ -48,18 +48,10 @@ std::optional<AuthenticationKey> SplitKey(const std::string& digits) {
 }
 
 // A challenge rotated left by one byte.
-SecretBytes<kBlock> RotatedLeft(std::span<const std::uint8_t> challenge) {
-    SecretBytes<kBlock> rotated;
-    std::rotate_copy(challenge.begin(), challenge.begin() + 1, challenge.begin() + kBlock, rotated.span().begin());
+cipher::SecretBytes<kBlock> RotatedLeft(std::span<const std::uint8_t> challenge) {
+    cipher::SecretBytes<kBlock> rotated;
+    std::rotate_copy(challenge.begin(), challenge.begin() + 1, challenge.begin() + kBlock, rotated.begin());
     return rotated;
-}
-
-// One exchange of the authentication, with its secret parameter wiped afterwards.
-Reply Step(Context& ctx, std::uint32_t code, command::Param param) {
-    command::Params params{std::move(param)};
-    Reply reply = Exchange(ctx, code, params, false);
-    if (auto* text = std::get_if<std::string>(&params[0])) cipher::SecureWipe(*text);
-    return reply;
 }
 
 }  // namespace
@@ -97,25 +89,27 @@ sceReturnCode DESFireSelectApplication(Context& ctx, const std::string& Applicat
     std::string applicationId = ApplicationId;
     if (!IsApplicationId(applicationId)) return Refuse(ctx, ErrorNumber::IncorrectApplicationId, kName);
     if (KeyNumber < 0 || KeyNumber > kMaxKeyNumber) return Refuse(ctx, ErrorNumber::BadKeyNumber, kName);
-    const std::optional<SecretText> digits = KeyDigits(KeyValue);
+    const std::optional<cipher::SecretText> digits = KeyDigits(KeyValue);
     if (!digits) return Refuse(ctx, ErrorNumber::InvalidKey, kName);
-    const std::optional<AuthenticationKey> key = SplitKey(digits->get());
+    const std::optional<AuthenticationKey> key = SplitKey(digits->text());
     if (!key) return Refuse(ctx, ErrorNumber::BadKeyLength, kName);
 
     // Only the reader can stop the selection: the card's answer to it shows
     // in the next step.
-    if (Step(ctx, SelectApplication, applicationId).outcome == Reply::Outcome::ReaderFailed) {
+    if (Exchange(ctx, SelectApplication, {applicationId}).outcome == Reply::Outcome::ReaderFailed) {
         NameInFront(ctx, kName);
         return sceError;
     }
 
-    const Reply challenge = Step(ctx, DesfireAuthenticateStart, std::int64_t{KeyNumber});
+    // The challenge is RndB enciphered with the key: no trace shows it.
+    const Reply challenge = Exchange(ctx, DesfireAuthenticateStart, {std::int64_t{KeyNumber}}, {.secretAnswer = true});
     if (challenge.outcome == Reply::Outcome::ReaderFailed) {
         NameInFront(ctx, kName);
         return sceError;
     }
     if (challenge.outcome != Reply::Outcome::Answered || !challenge.IsStatus(0xAF) || challenge.data.size() != kBlock) {
-        return Refuse(ctx, ErrorNumber::CannotConnectToApplication, kName, "DesfireAuthenticate2", challenge.status);
+        return Refuse(ctx, ErrorNumber::CannotConnectToApplication, kName, "DesfireAuthenticate2",
+                      challenge.StatusText());
     }
 
     cipher::DES& engine = ctx.session.Engine();
@@ -123,29 +117,31 @@ sceReturnCode DESFireSelectApplication(Context& ctx, const std::string& Applicat
     const std::int32_t receive = key->algorithm | cipher::DES::kCbc;
     const std::int32_t send = key->algorithm | cipher::DES::kSendMode;
 
-    const SecretBuffer rndB = Transform(engine, receive, challenge.data);
-    SecretBytes<kBlock> rndA;
-    ctx.session.random(rndA.span());
+    const cipher::SecretBuffer rndB = Transform(engine, receive, challenge.data.view());
+    cipher::SecretBytes<kBlock> rndA;
+    ctx.session.random(std::span(rndA.data(), kBlock));
 
-    SecretBuffer token;
-    token.Append(rndA.span());
-    token.Append(RotatedLeft(rndB.span()).span());
-    const SecretBuffer cryptogram = Transform(engine, send, token.span());
+    cipher::SecretBuffer token;
+    token.Append(std::span<const std::uint8_t>(rndA.data(), kBlock));
+    const cipher::SecretBytes<kBlock> rotatedB = RotatedLeft(rndB.view());
+    token.Append(std::span<const std::uint8_t>(rotatedB.data(), kBlock));
+    const cipher::SecretBuffer cryptogram = Transform(engine, send, token.view());
 
-    const Reply proof = Step(ctx, DesfireAuthenticateToken, HexOf(cryptogram.span()));
+    const Reply proof = Exchange(ctx, DesfireAuthenticateToken, {cipher::ByteView(cryptogram.view())},
+                                 {.secretFrom = "[TOKEN]", .secretAnswer = true});
     if (proof.outcome == Reply::Outcome::ReaderFailed) {
         NameInFront(ctx, kName);
         return sceError;
     }
     if (!proof.Completed()) {
-        return Refuse(ctx, ErrorNumber::AuthenticationFailure, kName, "DesfireAuthenticate3", proof.status);
+        return Refuse(ctx, ErrorNumber::AuthenticationFailure, kName, "DesfireAuthenticate3", proof.StatusText());
     }
 
     // The card proves it knows the key: RndA, rotated, comes back enciphered.
-    const SecretBytes<kBlock> expected = RotatedLeft(rndA.span());
+    const cipher::SecretBytes<kBlock> expected = RotatedLeft(std::span<const std::uint8_t>(rndA.data(), kBlock));
     const bool proven = proof.data.size() == kBlock && [&] {
-        const SecretBuffer rndA2 = Transform(engine, receive, proof.data);
-        return std::equal(rndA2.span().begin(), rndA2.span().end(), expected.span().begin());
+        const cipher::SecretBuffer rndA2 = Transform(engine, receive, proof.data.view());
+        return std::equal(rndA2.begin(), rndA2.end(), expected.begin(), expected.end());
     }();
     if (!proven) return Refuse(ctx, ErrorNumber::AuthenticationFailure, kName, "DesfireAuthenticate4", "RndA failed");
 
@@ -153,11 +149,11 @@ sceReturnCode DESFireSelectApplication(Context& ctx, const std::string& Applicat
     // Triple-DES, or the first four of each again for single DES, so that
     // its halves are equal and later steps know it for a DES key.
     const std::size_t second = key->algorithm == cipher::DES::kTripleDes ? 4 : 0;
-    SecretBytes<16>& sessionKey = ctx.session.sessionKey;
+    cipher::SecretBytes<16>& sessionKey = ctx.session.sessionKey;
     std::copy_n(rndA.data(), 4, sessionKey.data());
-    std::copy_n(rndB.span().data(), 4, sessionKey.data() + 4);
+    std::copy_n(rndB.data(), 4, sessionKey.data() + 4);
     std::copy_n(rndA.data() + second, 4, sessionKey.data() + 8);
-    std::copy_n(rndB.span().data() + second, 4, sessionKey.data() + 12);
+    std::copy_n(rndB.data() + second, 4, sessionKey.data() + 12);
     ctx.session.selectedApplicationId = applicationId;
     ctx.session.authenticatedKeyNumber = KeyNumber;
     return sceSuccess;

@@ -57,9 +57,9 @@ class DesfireApdu : public ::testing::Test {
 protected:
     std::shared_ptr<test::ScriptedPcsc> fake = std::make_shared<test::ScriptedPcsc>();
     CError record;
-    command::Channel channel{fake.get(), 0x1001, 0x2001, pcsc_const::ProtocolT1, false, &record};
+    command::Channel channel{fake.get(), 0x1001, 0x2001, pcsc_const::ProtocolT1};
     Session session;
-    Context ctx{channel, session};
+    Context ctx{channel, record, session};
 
     std::string Record() const { return test::RecordText(record); }
 

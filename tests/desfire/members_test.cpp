@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -56,18 +57,26 @@ protected:
 };
 
 TEST(DesfireStatus, TheNativeAndTheWrappedFormOfAStatusAreTheSameAnswer) {
+    using command::StatusWord;
     struct Row {
-        const char* status;
+        std::optional<StatusWord> status;
         std::uint8_t code;
         bool same;
     };
-    const Row rows[] = {{"00", 0x00, true},   {"9100", 0x00, true},  {"AF", 0xAF, true},  {"91AF", 0xAF, true},
-                        {"910C", 0x0C, true}, {"9000", 0x00, false}, {"0C", 0x00, false}, {"FFFF", 0x00, false},
-                        {"", 0x00, false},    {"9", 0x09, false}};
+    const Row rows[] = {{StatusWord::Native(0x00), 0x00, true},
+                        {StatusWord::Iso(0x9100), 0x00, true},
+                        {StatusWord::Native(0xAF), 0xAF, true},
+                        {StatusWord::Iso(0x91AF), 0xAF, true},
+                        {StatusWord::Iso(0x910C), 0x0C, true},
+                        {StatusWord::Iso(0x9000), 0x00, false},
+                        {StatusWord::Native(0x0C), 0x00, false},
+                        {StatusWord::Iso(0x0000), 0x00, false},
+                        {StatusWord{}, 0x00, false},
+                        {std::nullopt, 0x00, false}};
     for (const Row& row : rows) {
         Reply reply;
         reply.status = row.status;
-        EXPECT_EQ(reply.IsStatus(row.code), row.same) << row.status;
+        EXPECT_EQ(reply.IsStatus(row.code), row.same) << reply.StatusText() << " " << int{row.code};
     }
 }
 
@@ -109,9 +118,9 @@ TEST_F(DesfireMembers, AnExchangeTellsAnAnswerARefusalAndAReaderFailureApart) {
     // More frames announced for ever: the command layer gives up, not the card.
     fake->Expect("60").Reply("AF 01");
     fake->Expect("AF").Reply("AF 01").Times(command::MaxContinuationFrames);
-    const Reply endless = Exchange(ctx, command::cmd::DesfireGetVersion, {}, true);
+    const Reply endless = Exchange(ctx, command::cmd::DesfireGetVersion, {}, {.moreResponse = true});
     EXPECT_EQ(endless.outcome, Reply::Outcome::ReaderFailed);
-    EXPECT_EQ(endless.status, "AF");
+    EXPECT_EQ(endless.StatusText(), "AF");
 
     for (const Row& row : rows) {
         fake = std::make_shared<test::ScriptedPcsc>();
@@ -122,11 +131,11 @@ TEST_F(DesfireMembers, AnExchangeTellsAnAnswerARefusalAndAReaderFailureApart) {
         } else {
             expected.Reply(row.answer);
         }
-        const Reply reply = Exchange(ctx, row.code, row.params, true);
+        const Reply reply = Exchange(ctx, row.code, row.params, {.moreResponse = true});
         EXPECT_EQ(reply.outcome, row.outcome) << row.answer;
         EXPECT_EQ(reply.command, row.command);
-        EXPECT_EQ(reply.status, row.status);
-        EXPECT_EQ(ToHex(reply.data), row.data);
+        EXPECT_EQ(reply.StatusText(), row.status);
+        EXPECT_EQ(ToHex(reply.data.view()), row.data);
     }
 }
 
