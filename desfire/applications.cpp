@@ -157,7 +157,7 @@ sceReturnCode DESFireChangeKey(Context& ctx, std::int32_t KeyNumber, const std::
     const std::optional<cipher::SecretBytes<16>> newKey = ChangeKeyBytes(NewKey);
     if (!newKey) return Refuse(ctx, ErrorNumber::BadKeyLength, kName);
 
-    const cipher::ByteView newBytes(newKey->data(), newKey->size());
+    const cipher::ByteView newBytes(*newKey);
     cipher::SecretBuffer cryptogram;
     if (KeyNumber == session.authenticatedKeyNumber) {
         // The session's own key: new key, CRC, zero bytes (24 bytes).
@@ -167,7 +167,7 @@ sceReturnCode DESFireChangeKey(Context& ctx, std::int32_t KeyNumber, const std::
         cipher::SecretBytes<16> difference;
         for (std::size_t i = 0; i < difference.size(); ++i)
             difference[i] = (*oldKey)[i] ^ (*newKey)[i];
-        const cipher::ByteView differenceBytes(difference.data(), difference.size());
+        const cipher::ByteView differenceBytes(difference);
         if (ctx.cardConformance) {
             // What the cards check: the difference, its CRC and the new key's
             // CRC in one padded run of 24 bytes.

@@ -119,12 +119,12 @@ sceReturnCode DESFireSelectApplication(Context& ctx, const std::string& Applicat
 
     const cipher::SecretBuffer rndB = Transform(engine, receive, challenge.data.view());
     cipher::SecretBytes<kBlock> rndA;
-    ctx.session.random(std::span(rndA.data(), kBlock));
+    ctx.session.random(std::span(rndA));
 
     cipher::SecretBuffer token;
-    token.Append(std::span<const std::uint8_t>(rndA.data(), kBlock));
+    token.Append(rndA);
     const cipher::SecretBytes<kBlock> rotatedB = RotatedLeft(rndB.view());
-    token.Append(std::span<const std::uint8_t>(rotatedB.data(), kBlock));
+    token.Append(rotatedB);
     const cipher::SecretBuffer cryptogram = Transform(engine, send, token.view());
 
     const Reply proof = Exchange(ctx, DesfireAuthenticateToken, {cipher::ByteView(cryptogram.view())},
@@ -138,7 +138,7 @@ sceReturnCode DESFireSelectApplication(Context& ctx, const std::string& Applicat
     }
 
     // The card proves it knows the key: RndA, rotated, comes back enciphered.
-    const cipher::SecretBytes<kBlock> expected = RotatedLeft(std::span<const std::uint8_t>(rndA.data(), kBlock));
+    const cipher::SecretBytes<kBlock> expected = RotatedLeft(rndA);
     const bool proven = proof.data.size() == kBlock && [&] {
         const cipher::SecretBuffer rndA2 = Transform(engine, receive, proof.data.view());
         return std::equal(rndA2.begin(), rndA2.end(), expected.begin(), expected.end());

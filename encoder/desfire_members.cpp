@@ -1,6 +1,7 @@
 // The Encoder's DESFire members. Each runs its worker with the DESFire
 // context of this session under the member guard.
 #include <string>
+#include <utility>
 
 #include "desfire/desfire.h"
 #include "elatectwn4/encoder.h"
@@ -14,13 +15,7 @@ namespace {
 template <typename Work>
 sceReturnCode RunDesfire(Encoder::Impl& impl, const char* name, Work&& work,
                          RecordRule rule = RecordRule::Clear) noexcept {
-    return impl.Guard(
-        name,
-        [&] {
-            desfire::Context ctx = impl.desfireContext();
-            return work(ctx);
-        },
-        rule);
+    return impl.GuardIn(&Encoder::Impl::desfireContext, name, std::forward<Work>(work), rule);
 }
 
 }  // namespace

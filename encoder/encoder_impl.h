@@ -62,6 +62,21 @@ struct Encoder::Impl {
         }
     }
 
+    /// Guard for a card family's member: `work` gets the family's context of
+    /// this session, which `makeContext` (mifareContext, desfireContext) builds.
+    ///   return impl_->GuardIn(&Impl::desfireContext, "DESFireFormat", [&](desfire::Context& ctx) { ... });
+    template <typename MakeContext, typename Work>
+    auto GuardIn(MakeContext makeContext, const char* member, Work&& work,
+                 RecordRule rule = RecordRule::Clear) noexcept {
+        return Guard(
+            member,
+            [&] {
+                auto ctx = (this->*makeContext)();
+                return work(ctx);
+            },
+            rule);
+    }
+
     std::shared_ptr<PcscApi> pcsc;
     CError error;
     command::Channel channel;
