@@ -115,6 +115,8 @@ EXAMPLES
     twn4 --simulate mifare1k:card.json WriteDataBloc 4 FFFFFFFFFFFF 0 \
          00112233445566778899AABBCCDDEEFF
     twn4 --json --script personalise.twn4
+    twn4 --simulate desfire DESFireSelectRoot 0000000000000000 \
+         -- DESFireGetVersion -2 -- DESFireGetApplications
 )";
 
 struct Options {

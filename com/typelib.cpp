@@ -46,6 +46,17 @@ constexpr std::array kReadTrailer{In("SectorNumber"),
                                   InOut("Conditions", "SCSS_SecurityLevelEnum"),
                                   InOut("BX")};
 
+constexpr std::array kDesfireSelect{In("ApplicationId"), In("KeyNumber"), In("KeyValue")};
+constexpr std::array kDesfireKeyValue{In("KeyValue")};
+constexpr std::array kDesfireApplicationId{In("ApplicationId")};
+constexpr std::array kDesfireCreateApplication{In("ApplicationId"), In("KeySettings"), In("NumOfKeys")};
+constexpr std::array kDesfireApplications{InOut("Applications")};
+constexpr std::array kDesfireVersion{In("RequestedInformation"), InOut("Information")};
+constexpr std::array kDesfireChangeKey{In("KeyNumber"), In("OldKey"), In("NewKey")};
+constexpr std::array kDesfireKeyVersion{In("KeyNumber"), InOut("KeyVersion")};
+constexpr std::array kDesfireKeySettingsOut{InOut("KeySettings"), InOut("KeyCount")};
+constexpr std::array kDesfireKeySettingsIn{In("KeySettings")};
+
 constexpr std::array kRows{
     // ---- properties of the encoder -------------------------------------------------------------
     Get<Overload<std::string>(&Encoder::Parameters)>(1, "Parameters", "Capabilities and the reader in use"),
@@ -87,6 +98,28 @@ constexpr std::array kRows{
     Method<&Encoder::WriteBytesInBloc, kBytesInBlock>(34, "WriteBytesInBloc", "Same as MifareWriteBytesInBloc"),
     Method<&Encoder::WriteSectorTrailer, kWriteTrailer>(36, "WriteSectorTrailer", "Same as MifareWriteSectorTrailer"),
     Method<&Encoder::ReadSectorTrailer, kReadTrailer>(37, "ReadSectorTrailer", "Same as MifareReadSectorTrailer"),
+    // ---- DESFire -------------------------------------------------------------------------------
+    Method<&Encoder::DESFireSelectApplication, kDesfireSelect>(
+        40, "DESFireSelectApplication", "Selects an application and authenticates with one of its keys"),
+    Method<&Encoder::DESFireSelectRoot, kDesfireKeyValue>(41, "DESFireSelectRoot",
+                                                          "Selects the card level and authenticates with key 0"),
+    Method<&Encoder::DESFireFormat>(42, "DESFireFormat", "Erases every application"),
+    Method<&Encoder::DESFireCreateApplication, kDesfireCreateApplication>(
+        43, "DESFireCreateApplication", "Creates an application with its key settings and number of keys"),
+    Method<&Encoder::DESFireDeleteApplication, kDesfireApplicationId>(44, "DESFireDeleteApplication",
+                                                                      "Deletes an application"),
+    Method<&Encoder::DESFireGetApplications, kDesfireApplications>(45, "DESFireGetApplications",
+                                                                   "The application ids, comma-separated"),
+    Method<&Encoder::DESFireGetVersion, kDesfireVersion>(
+        46, "DESFireGetVersion",
+        "The card's version record or a part of it (-2 all, -1 storage size, 14 UID, 21 batch)"),
+    Method<&Encoder::DESFireChangeKey, kDesfireChangeKey>(47, "DESFireChangeKey",
+                                                          "Changes a key of the selected application"),
+    Method<&Encoder::DESFireGetKeyVersion, kDesfireKeyVersion>(48, "DESFireGetKeyVersion", "The version of a key"),
+    Method<&Encoder::DESFireGetKeySettings, kDesfireKeySettingsOut>(49, "DESFireGetKeySettings",
+                                                                    "The key settings and the number of keys"),
+    Method<&Encoder::DESFireChangeKeySettings, kDesfireKeySettingsIn>(50, "DESFireChangeKeySettings",
+                                                                      "Changes the key settings"),
     // ---- the error record ----------------------------------------------------------------------
     FieldGet<&CError::Number>(1, "Number", "Error number (0 = none)"),
     FieldPut<&CError::Number>(1, "Number"),

@@ -13,28 +13,11 @@
 
 #include "command/channel.h"
 #include "command/error_record.h"
+#include "desfire/desfire.h"
 #include "elatectwn4/encoder.h"
 #include "mifare/mifare.h"
 
 namespace elatectwn4 {
-
-/// The DESFire session: which application is selected, with which key, and
-/// the key that secures data frames. Wiped together.
-struct DesfireSession {
-    std::string selectedApplicationId;
-    std::string sessionKey;  ///< 32 hex digits; wiped (not just cleared) on reset
-    std::int32_t authenticatedKeyNumber = -1;
-    std::vector<std::uint8_t> versionCache;  ///< empty = none
-
-    DesfireSession() = default;
-    DesfireSession(const DesfireSession&) = delete;
-    DesfireSession& operator=(const DesfireSession&) = delete;
-    ~DesfireSession() { Reset(); }
-
-    /// Forgets the selection and authentication; the key bytes are
-    /// overwritten before the text is emptied.
-    void Reset() noexcept;
-};
 
 /// How GetAttribText shows an attribute's value.
 enum class AttribMode : std::uint32_t {
@@ -78,6 +61,21 @@ struct Encoder::Impl {
         }
     }
 
+    /// Guard for a card family's member: `work` gets the family's context of
+    /// this session, which `makeContext` (mifareContext, desfireContext) builds.
+    ///   return impl_->GuardIn(&Impl::desfireContext, "DESFireFormat", [&](desfire::Context& ctx) { ... });
+    template <typename MakeContext, typename Work>
+    auto GuardIn(MakeContext makeContext, const char* member, Work&& work,
+                 RecordRule rule = RecordRule::Clear) noexcept {
+        return Guard(
+            member,
+            [&] {
+                auto ctx = (this->*makeContext)();
+                return work(ctx);
+            },
+            rule);
+    }
+
     std::shared_ptr<PcscApi> pcsc;
     CError error;
     command::Channel channel;
@@ -88,7 +86,7 @@ struct Encoder::Impl {
     sceCardTypes cardType = sceUnhandled;
     std::int32_t serialLength = 0;
 
-    DesfireSession desfire;
+    desfire::Session desfire;
     mifare::AccessConditionTable accessConditions;
     // No MIFARE key table is kept: no member ever read or filled the one the
     // object was once described with.
@@ -96,6 +94,7 @@ struct Encoder::Impl {
     std::mt19937 random;  ///< GetInformation's instance number only; never for keys
 
     mifare::Context mifareContext();
+    desfire::Context desfireContext();
 
     /// Takes the entries of a Parameters text that it holds; the others keep
     /// their values, and an open session stays open.

@@ -2,6 +2,7 @@
 // context of this session under the member guard. The members without the
 // "Mifare" prefix forward their arguments unchanged to the guarded ones.
 #include <string>
+#include <utility>
 
 #include "elatectwn4/encoder.h"
 #include "encoder/encoder_impl.h"
@@ -14,13 +15,7 @@ namespace {
 // Runs member `name`'s worker with the session's MIFARE context.
 template <typename Work>
 auto RunMifare(Encoder::Impl& impl, const char* name, Work&& work, RecordRule rule = RecordRule::Clear) noexcept {
-    return impl.Guard(
-        name,
-        [&] {
-            mifare::Context ctx = impl.mifareContext();
-            return work(ctx);
-        },
-        rule);
+    return impl.GuardIn(&Encoder::Impl::mifareContext, name, std::forward<Work>(work), rule);
 }
 
 }  // namespace

@@ -55,18 +55,6 @@ std::string ChooseReader(const std::vector<std::string>& readers, const std::str
 
 }  // namespace
 
-void DesfireSession::Reset() noexcept {
-    // Overwrite through a volatile pointer so the stores cannot be dropped as
-    // dead before the buffer is reused or freed.
-    volatile char* key = sessionKey.data();
-    for (std::size_t i = 0; i < sessionKey.size(); ++i)
-        key[i] = 0;
-    sessionKey.clear();
-    selectedApplicationId.clear();
-    authenticatedKeyNumber = -1;
-    versionCache.clear();
-}
-
 bool IsNoCardCode(std::uint32_t code) noexcept {
     return code == pcsc_code::NoSmartcard || code == pcsc_code::UnknownCard || code == pcsc_code::UnsupportedCard ||
            code == pcsc_code::RemovedCard;
@@ -92,6 +80,10 @@ Encoder::Impl::Impl(std::shared_ptr<PcscApi> api) : pcsc(api ? std::move(api) : 
 
 mifare::Context Encoder::Impl::mifareContext() {
     return mifare::Context{channel, error, accessConditions, [this] { return SelectCardInRange(); }};
+}
+
+desfire::Context Encoder::Impl::desfireContext() {
+    return desfire::Context{channel, error, desfire, CardConformance()};
 }
 
 void Encoder::Impl::IdentifyCardType(std::string_view atr) {

@@ -60,7 +60,11 @@ public:
     ///   Conformance  "card" (any case): where the component's own frame or
     ///                layout differs from what the cards document, send what
     ///                the cards document (see each member). Any other value:
-    ///                the component's own, the default.
+    ///                the component's own, the default. The places:
+    ///                DESFireChangeKey of a key other than the session's
+    ///                sends the 24-byte cryptogram EV1 cards take in legacy
+    ///                mode instead of two padded pieces of 24 bytes, which
+    ///                such cards refuse.
     /// Every other key is ignored.
     void Parameters(const std::string& text);
     /// "Pellucid|Elatec TWN4|<major>.<minor>.<revision>|1|<n>|<capabilities>".
@@ -131,6 +135,40 @@ public:
     sceReturnCode ReadSectorTrailer(std::int32_t SectorNumber, const std::string& Key, std::uint8_t KeyType,
                                     std::uint8_t& KeysUsed, std::int32_t& Security0, std::int32_t& Security1,
                                     std::int32_t& Security2, std::int32_t& Conditions, std::uint8_t& BX);
+
+    // ---- DESFire: selection and authentication ----------------------------
+    // Application ids are 6 hex digits ("A1B2C3", blanks allowed), sent in
+    // the order written. Keys are hex digits: 32 for Triple-DES (K1 K2), 16
+    // for single DES. The session opened here serves the members below until
+    // the next selection or CloseEncoder; a failed selection keeps it.
+
+    /// Selects the application and authenticates with key KeyNumber (0..13).
+    /// Leaves LastError as it was on success.
+    sceReturnCode DESFireSelectApplication(const std::string& ApplicationId, std::int32_t KeyNumber,
+                                           const std::string& KeyValue);
+    /// The card level (application 000000) with key 0.
+    sceReturnCode DESFireSelectRoot(const std::string& KeyValue);
+
+    // ---- DESFire: applications and keys ------------------------------------
+    /// Erases every application; card level only.
+    sceReturnCode DESFireFormat();
+    /// Card level only. KeySettings: DesfireKeySettings bits (0..255);
+    /// NumOfKeys 1..14.
+    sceReturnCode DESFireCreateApplication(const std::string& ApplicationId, DesfireKeySettings KeySettings,
+                                           std::int32_t NumOfKeys);
+    sceReturnCode DESFireDeleteApplication(const std::string& ApplicationId);
+    /// Applications = "A1B2C3,010203" ("" for none).
+    sceReturnCode DESFireGetApplications(std::string& Applications);
+    /// Information = the whole record or the UID / batch number (byte arrays),
+    /// the storage size in bytes (a Long) or one byte; asked from the card
+    /// once per session.
+    sceReturnCode DESFireGetVersion(DesfireVersionBytes RequestedInformation, Variant& Information);
+    /// Needs a session. KeyNumber 0 at card level, 0..13 in an application;
+    /// keys of 16 or 32 hex digits.
+    sceReturnCode DESFireChangeKey(std::int32_t KeyNumber, const std::string& OldKey, const std::string& NewKey);
+    sceReturnCode DESFireGetKeyVersion(std::int32_t KeyNumber, std::int32_t& KeyVersion);
+    sceReturnCode DESFireGetKeySettings(std::int32_t& KeySettings, std::int32_t& KeyCount);
+    sceReturnCode DESFireChangeKeySettings(DesfireKeySettings KeySettings);
 
     struct Impl;
 

@@ -156,6 +156,24 @@ TEST(Twn4, CardContentsPersistBetweenRunsInTheStateFile) {
     EXPECT_EQ(JsonLines(o.out).at(0)["out"]["BlocContents"], "2C010000D3FEFFFF2C010000FF00FF00");
 }
 
+TEST(Twn4, TheDesfireExampleSecuresACardAndShowsByteArraysForPeopleAndScripts) {
+    const std::string script =
+        std::string(" --simulate desfire --script ") + EXAMPLES_DIR + "/desfire-applications.twn4";
+    const auto people = Twn4(script);
+    EXPECT_EQ(people.status, 0) << people.out << people.err;
+    EXPECT_EQ(people.out.find("sceError"), std::string::npos) << people.out;
+    EXPECT_NE(people.out.find("Information = 04 5A 3B 2C 1D 0E 80\n"), std::string::npos) << people.out;
+    EXPECT_NE(people.out.find("Applications = A1B2C3\n"), std::string::npos) << people.out;
+
+    const auto json = Twn4("--json" + script);
+    ASSERT_EQ(json.status, 0) << json.out << json.err;
+    const auto lines = JsonLines(json.out);
+    ASSERT_GE(lines.size(), 4u);
+    EXPECT_EQ(lines[1]["out"]["Information"], nlohmann::json({4, 0x5A, 0x3B, 0x2C, 0x1D, 0x0E, 0x80}));
+    EXPECT_EQ(lines[2]["out"]["Information"], 4096);
+    EXPECT_EQ(lines[3]["out"]["Information"].size(), 28u);
+}
+
 struct UsageCase {
     const char* arguments;
     const char* input;
@@ -168,6 +186,7 @@ TEST(Twn4, UsageErrorsExitWithTwoSendNothingAndSayWhatWasWrong) {
         {"--simulate mifare1k ReadDataBloc 4 FFFFFFFFFFFF 256", "", "argument 3 (KeyType)"},
         {"--simulate mifare1k ReadDataBloc 4", "", "missing argument 2 (Key As String)"},
         {"--simulate mifare1k ReadSerialNumber x y", "", "takes at most 1 argument"},
+        {"--simulate desfire DESFireSelectApplication A1B2C3 one 00", "", "argument 2 (KeyNumber)"},
         {"--simulate mifare1k --script -", "ReadSerialNumber\nReadDataBloc 4 \"FFFF\n", "line 2"},
         {"--simulate floppy ReadSerialNumber", "", "floppy"},
         {"--bogus", "", "unknown option --bogus"},

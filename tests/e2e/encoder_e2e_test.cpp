@@ -123,6 +123,61 @@ TEST_F(EndToEnd, EachCardsIdentityAndRawAnswersComeThroughPcscd) {
         << ReadFile(RegistryFile);
 }
 
+TEST_F(EndToEnd, ADesfireCardIsSecuredAndGetsAnApplicationWithKeysOfItsOwn) {
+    ASSERT_TRUE(WaitForCard(setup_.desfireReader, true)) << "no card in " << setup_.desfireReader;
+    const std::string factoryKey = "0000000000000000";
+    const std::string piccKey = "4A1B7C3D5E6F708192A3B4C5D6E7F809";
+    const std::string readKey = "0F1E2D3C4B5A69788796A5B4C3D2E1F0";
+    Encoder encoder(SystemPcsc());
+    encoder.Parameters("Device=" + setup_.desfireReader);
+    ASSERT_EQ(encoder.OpenEncoder(), sceSuccess) << Describe(encoder.LastError());
+    const auto ok = [&](sceReturnCode result) {
+        EXPECT_EQ(result, sceSuccess) << Describe(encoder.LastError());
+        return result == sceSuccess;
+    };
+
+    Variant uid;
+    ASSERT_TRUE(ok(encoder.DESFireGetVersion(dfvUID, uid)));
+    ASSERT_TRUE(std::holds_alternative<std::vector<std::uint8_t>>(uid));
+    EXPECT_EQ(Hex(std::get<std::vector<std::uint8_t>>(uid)), setup_.desfireUid);
+
+    ASSERT_TRUE(ok(encoder.DESFireSelectRoot(factoryKey)));
+    ASSERT_TRUE(ok(encoder.DESFireChangeKey(0, factoryKey, piccKey)));
+    EXPECT_EQ(encoder.DESFireSelectRoot(factoryKey), sceError);
+    EXPECT_EQ(Describe(encoder.LastError()),
+              Record(ErrorNumber::AuthenticationFailure, "DESFireSelectRoot:DESFireSelectApplication",
+                     "DesfireAuthenticate3", "AE"));
+    ASSERT_TRUE(ok(encoder.DESFireSelectRoot(piccKey)));
+    ASSERT_TRUE(ok(encoder.DESFireCreateApplication("A1B2C3", DesfireKeySettings(0x0F), 3)));
+    std::string applications;
+    ASSERT_TRUE(ok(encoder.DESFireGetApplications(applications)));
+    EXPECT_EQ(applications, "A1B2C3");
+
+    // Another key than the session's: refused in the component's own frame,
+    // taken in the cards' one.
+    ASSERT_TRUE(ok(encoder.DESFireSelectApplication("A1B2C3", 0, factoryKey)));
+    EXPECT_EQ(encoder.DESFireChangeKey(1, factoryKey, readKey), sceError);
+    EXPECT_EQ(Describe(encoder.LastError()), Record(ErrorNumber::OperationFailed, "DESFireChangeKey",
+                                                             "SCardTransmit:DesfireChangeKey", "7E"));
+    encoder.Parameters("Conformance=card");
+    ASSERT_TRUE(ok(encoder.DESFireSelectApplication("A1B2C3", 0, factoryKey)));
+    ASSERT_TRUE(ok(encoder.DESFireChangeKey(1, factoryKey, readKey)));
+    ASSERT_TRUE(ok(encoder.DESFireSelectApplication("A1B2C3", 1, readKey)));
+    std::int32_t settings = -1, count = -1;
+    ASSERT_TRUE(ok(encoder.DESFireGetKeySettings(settings, count)));
+    EXPECT_EQ(settings, 0x0F);
+    EXPECT_EQ(count, 3);
+
+    // The card as it was found: no application, the factory key.
+    ASSERT_TRUE(ok(encoder.DESFireSelectRoot(piccKey)));
+    ASSERT_TRUE(ok(encoder.DESFireChangeKeySettings(DesfireKeySettings(0x0F))));
+    ASSERT_TRUE(ok(encoder.DESFireDeleteApplication("A1B2C3")));
+    ASSERT_TRUE(ok(encoder.DESFireGetApplications(applications)));
+    EXPECT_EQ(applications, "");
+    ASSERT_TRUE(ok(encoder.DESFireChangeKey(0, piccKey, factoryKey)));
+    EXPECT_TRUE(ok(encoder.DESFireSelectRoot(factoryKey)));
+}
+
 // The MIFARE card leaves through the control socket, the DESFire card
 // through the bridge's signals.
 TEST_F(EndToEnd, ACardLeavingAndComingBackIsFollowed) {

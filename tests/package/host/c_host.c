@@ -95,6 +95,29 @@ int main(void) {
     expect(elatectwn4_close(enc) == ELATECTWN4_SCE_SUCCESS, "close");
     elatectwn4_free(uid);
     elatectwn4_destroy(enc);
+
+    /* DESFire by name: a Variant out-argument comes back as bytes or a number. */
+    enc = elatectwn4_create_simulated("desfire", NULL, NULL);
+    expect(enc != NULL && elatectwn4_open(enc) == ELATECTWN4_SCE_SUCCESS, "open a simulated DESFire card");
+    memset(args, 0, sizeof args);
+    args[0].type = ELATECTWN4_STRING;
+    args[0].text = (char*)"0000000000000000";
+    args[0].length = 16;
+    rc = elatectwn4_call(enc, "DESFireSelectRoot", ELATECTWN4_METHOD, args, 1, &result, NULL);
+    expect(rc == ELATECTWN4_CALL_OK && result.number == ELATECTWN4_SCE_SUCCESS, "DESFireSelectRoot");
+    memset(args, 0, sizeof args);
+    args[0].type = ELATECTWN4_LONG;
+    args[0].number = -2; /* dfvAllData */
+    rc = elatectwn4_call(enc, "DESFireGetVersion", ELATECTWN4_METHOD, args, 2, &result, NULL);
+    expect(rc == ELATECTWN4_CALL_OK && result.number == ELATECTWN4_SCE_SUCCESS, "DESFireGetVersion");
+    expect(args[1].type == ELATECTWN4_BYTES && args[1].length == 28, "the version record as 28 bytes");
+    elatectwn4_value_clear(&args[1]);
+    args[0].number = -1; /* dfvStorageSize */
+    rc = elatectwn4_call(enc, "DESFireGetVersion", ELATECTWN4_METHOD, args, 2, &result, NULL);
+    expect(rc == ELATECTWN4_CALL_OK && args[1].type == ELATECTWN4_LONG && args[1].number == 4096,
+           "the storage size as a number");
+    elatectwn4_value_clear(&args[1]);
+    elatectwn4_destroy(enc);
     elatectwn4_destroy(NULL);
     if (failures == 0) printf("c_host: all checks passed\n");
     return failures == 0 ? 0 : 1;

@@ -1,0 +1,168 @@
+// The DESFire members over the in-process simulated card: how many APDUs each
+// operation sends (against the count the protocol needs), and the time the
+// component adds per operation on top of the simulator's own exchanges (the
+// time spent inside the simulated reader's Transmit is measured and taken
+// off). Prints one table.
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "elatectwn4/encoder.h"
+#include "sim/desfire/desfire_sim.h"
+#include "sim/simulated_pcsc.h"
+
+namespace {
+
+using namespace elatectwn4;
+using Clock = std::chrono::steady_clock;
+
+// Forwards to the simulator, counting transmissions and the time they take.
+class MeasuredPcsc final : public PcscApi {
+public:
+    explicit MeasuredPcsc(std::shared_ptr<PcscApi> inner) : inner_(std::move(inner)) {}
+
+    std::uint32_t EstablishContext(std::uint32_t scope, PcscHandle& context) override {
+        return inner_->EstablishContext(scope, context);
+    }
+    std::uint32_t ReleaseContext(PcscHandle context) override { return inner_->ReleaseContext(context); }
+    std::uint32_t ListReaders(PcscHandle context, std::vector<std::string>& readers) override {
+        return inner_->ListReaders(context, readers);
+    }
+    std::uint32_t Connect(PcscHandle context, const std::string& reader, std::uint32_t share, std::uint32_t protocols,
+                          PcscHandle& card, std::uint32_t& active) override {
+        return inner_->Connect(context, reader, share, protocols, card, active);
+    }
+    std::uint32_t Disconnect(PcscHandle card, std::uint32_t disposition) override {
+        return inner_->Disconnect(card, disposition);
+    }
+    std::uint32_t Status(PcscHandle card, PcscStatus& status) override { return inner_->Status(card, status); }
+    std::uint32_t GetAttrib(PcscHandle card, std::uint32_t attribute, std::vector<std::uint8_t>& value) override {
+        return inner_->GetAttrib(card, attribute, value);
+    }
+    std::uint32_t Transmit(PcscHandle card, std::uint32_t protocol, std::span<const std::uint8_t> command,
+                           std::span<std::uint8_t> answer, std::size_t& received) override {
+        const auto start = Clock::now();
+        const std::uint32_t result = inner_->Transmit(card, protocol, command, answer, received);
+        inside += Clock::now() - start;
+        ++transmissions;
+        return result;
+    }
+
+    void Reset() {
+        inside = {};
+        transmissions = 0;
+    }
+
+    Clock::duration inside{};
+    long transmissions = 0;
+
+private:
+    std::shared_ptr<PcscApi> inner_;
+};
+
+const std::string kFactoryKey = "0000000000000000";
+const std::string kAppKey = "4A1B7C3D5E6F708192A3B4C5D6E7F809";
+
+struct Operation {
+    const char* name;
+    long expectedApdus;
+    std::function<void(Encoder&)> prepare;  // not measured
+    std::function<sceReturnCode(Encoder&)> run;
+};
+
+}  // namespace
+
+int main() {
+    auto simulator = std::make_shared<sim::SimulatedPcsc>();
+    simulator->Readers()[0]->Insert(std::make_shared<sim::desfire::DesfireCard>());
+    auto pcsc = std::make_shared<MeasuredPcsc>(simulator);
+    Encoder encoder(pcsc);
+    encoder.Parameters("Device=" + std::string(sim::kDefaultReaderNames[0]) + ";Conformance=card");
+    if (encoder.OpenEncoder() != sceSuccess) {
+        std::fprintf(stderr, "desfire_bench: cannot open the simulated reader: %s\n",
+                     encoder.LastError().Description.c_str());
+        return 1;
+    }
+    // An application with a Triple-DES master key, for the application-level rows.
+    encoder.DESFireSelectRoot(kFactoryKey);
+    encoder.DESFireCreateApplication("A1B2C3", DesfireKeySettings(0x0F), 2);
+    encoder.DESFireSelectApplication("A1B2C3", 0, kFactoryKey);
+    encoder.DESFireChangeKey(0, kFactoryKey, kAppKey);
+
+    std::string text;
+    std::int32_t a = 0, b = 0;
+    Variant information;
+    const auto root = [](Encoder& e) { e.DESFireSelectRoot(kFactoryKey); };
+    const auto application = [](Encoder& e) { e.DESFireSelectApplication("A1B2C3", 0, kAppKey); };
+    const std::vector<Operation> operations{
+        {"DESFireSelectRoot (DES)", 3, nullptr, [](Encoder& e) { return e.DESFireSelectRoot(kFactoryKey); }},
+        {"DESFireSelectApplication (3DES)", 3, nullptr,
+         [](Encoder& e) { return e.DESFireSelectApplication("A1B2C3", 0, kAppKey); }},
+        {"DESFireGetVersion, first", 3,
+         [](Encoder& e) {
+             e.CloseEncoder();
+             e.OpenEncoder();
+         },
+         [&](Encoder& e) { return e.DESFireGetVersion(dfvAllData, information); }},
+        {"DESFireGetVersion, cached", 0, nullptr, [&](Encoder& e) { return e.DESFireGetVersion(dfvUID, information); }},
+        {"DESFireGetApplications", 1, root, [&](Encoder& e) { return e.DESFireGetApplications(text); }},
+        {"DESFireCreateApplication", 1,
+         [](Encoder& e) {
+             e.DESFireSelectRoot(kFactoryKey);
+             e.DESFireDeleteApplication("0A0B0C");
+         },
+         [](Encoder& e) { return e.DESFireCreateApplication("0A0B0C", DesfireKeySettings(0x0F), 1); }},
+        {"DESFireDeleteApplication", 1,
+         [](Encoder& e) {
+             // Creation is free on a factory card; deletion needs the master key.
+             e.DESFireCreateApplication("0A0B0C", DesfireKeySettings(0x0F), 1);
+             e.DESFireSelectRoot(kFactoryKey);
+         },
+         [](Encoder& e) { return e.DESFireDeleteApplication("0A0B0C"); }},
+        {"DESFireGetKeySettings", 1, application, [&](Encoder& e) { return e.DESFireGetKeySettings(a, b); }},
+        {"DESFireGetKeyVersion", 1, application, [&](Encoder& e) { return e.DESFireGetKeyVersion(1, a); }},
+        {"DESFireChangeKeySettings", 1, application,
+         [](Encoder& e) { return e.DESFireChangeKeySettings(DesfireKeySettings(0x0F)); }},
+        {"DESFireChangeKey, another key", 1, application,
+         [](Encoder& e) { return e.DESFireChangeKey(1, kFactoryKey, kFactoryKey); }},
+        {"DESFireChangeKey, the session's", 1, application,
+         [](Encoder& e) { return e.DESFireChangeKey(0, kAppKey, kAppKey); }},
+    };
+
+    constexpr int kRuns = 2000;
+    std::printf("%-34s %6s %6s %12s %12s %12s\n", "operation", "APDUs", "needed", "total us/op", "sim us/op",
+                "added us/op");
+    int mismatches = 0;
+    for (const Operation& op : operations) {
+        Clock::duration total{};
+        Clock::duration inside{};
+        long apdus = 0;
+        bool failed = false;
+        for (int i = 0; i < kRuns && !failed; ++i) {
+            if (op.prepare) op.prepare(encoder);
+            pcsc->Reset();
+            const auto start = Clock::now();
+            failed = op.run(encoder) != sceSuccess;
+            total += Clock::now() - start;
+            inside += pcsc->inside;
+            apdus += pcsc->transmissions;
+        }
+        if (failed) {
+            std::printf("%-34s failed: %s (%s)\n", op.name, encoder.LastError().Description.c_str(),
+                        encoder.LastError().RdrRetCode.c_str());
+            ++mismatches;
+            continue;
+        }
+        const auto us = [](Clock::duration d) { return std::chrono::duration<double, std::micro>(d).count() / kRuns; };
+        const double perOp = static_cast<double>(apdus) / kRuns;
+        const bool match = perOp == static_cast<double>(op.expectedApdus);
+        mismatches += match ? 0 : 1;
+        std::printf("%-34s %6.2f %6ld %12.2f %12.2f %12.2f%s\n", op.name, perOp, op.expectedApdus, us(total),
+                    us(inside), us(total - inside), match ? "" : "  <- more APDUs than needed");
+    }
+    return mismatches == 0 ? 0 : 1;
+}
