@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <latch>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <random>
 #include <string>
@@ -697,6 +698,50 @@ TEST_F(Twn4ThroughPcscd, SerialNumberAndABlockAreReadInOneSession) {
     EXPECT_EQ(lines[1]["out"].value("BlocContents", ""), data) << lines[1];
     EXPECT_EQ(lines[1]["error"].value("Number", -1), 0) << lines[1];
     EXPECT_EQ(lines[1]["error"].value("ComFunction", ""), "MifareReadDataBloc") << lines[1];
+}
+
+TEST_F(Twn4ThroughPcscd, TheDesfireExamplePersonalisesTheCardBehindPcscd) {
+    ASSERT_TRUE(WaitForCard(setup_.desfireReader, true)) << "no card in " << setup_.desfireReader;
+    const std::string factoryKey = "0000000000000000";
+    const std::string piccKey = "4A1B7C3D5E6F708192A3B4C5D6E7F809";
+    // Whatever happens, the card goes back to its factory state for the other tests.
+    struct Restore {
+        const E2eSetup& setup;
+        std::string factoryKey, piccKey;
+        ~Restore() {
+            Encoder encoder(SystemPcsc());
+            encoder.Parameters("Device=" + setup.desfireReader);
+            encoder.OpenEncoder();
+            if (encoder.DESFireSelectRoot(piccKey) == sceSuccess) {
+                encoder.DESFireFormat();
+                encoder.DESFireChangeKey(0, piccKey, factoryKey);
+            } else if (encoder.DESFireSelectRoot(factoryKey) == sceSuccess) {
+                encoder.DESFireFormat();
+            }
+            EXPECT_EQ(encoder.DESFireSelectRoot(factoryKey), sceSuccess) << Describe(encoder.LastError());
+        }
+    } restore{setup_, factoryKey, piccKey};
+
+    const ToolRun run = RunTool(setup_.twn4, {"--reader", setup_.desfireReader, "--json", "--script",
+                                              std::string(EXAMPLES_DIR) + "/personalise-desfire.twn4"});
+    ASSERT_EQ(run.exitStatus, 0) << run.output;
+    std::map<std::string, std::vector<nlohmann::json>> outs;
+    for (const auto& line : JsonLines(run.output)) {
+        if (!line.contains("member")) continue;
+        EXPECT_EQ(line.value("result", -1), 0) << line;
+        outs[line["member"].get<std::string>()].push_back(line["out"]);
+    }
+    EXPECT_EQ(outs["ReadSerialNumber"].at(0).value("SerialNumber", ""), setup_.desfireUid);
+    const std::string holder = "Jane Doe / 12 Harbour Road / Springfield / member 0042 / valid to 2028-12-31 ###";
+    const auto& reads = outs["DESFireReadData"];
+    ASSERT_EQ(reads.size(), 6u) << run.output;
+    for (std::size_t file = 0; file < 3; ++file)
+        EXPECT_EQ(reads[file].value("DataString", ""), holder) << "file " << file + 1;
+    EXPECT_EQ(reads[5].value("DataString", ""), "Issued: Nov 2026");
+    const auto& values = outs["DESFireGetValue"];
+    ASSERT_EQ(values.size(), 3u) << run.output;
+    EXPECT_EQ(values[2].value("ValueData", -1), 120);
+    EXPECT_EQ(outs["DESFireReadRecords"].at(0).value("DataString", ""), "2026-11-20 gate12026-11-21 gate3");
 }
 
 TEST_F(Twn4ThroughPcscd, AFailedCallExitsWithOneReportsTheRecordAndTracesNoKey) {
