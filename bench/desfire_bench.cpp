@@ -11,61 +11,14 @@
 #include <string>
 #include <vector>
 
-#include "elatectwn4/encoder.h"
-#include "sim/desfire/desfire_sim.h"
-#include "sim/simulated_pcsc.h"
+#include "bench/simulated_desfire.h"
 
 namespace {
 
 using namespace elatectwn4;
-using Clock = std::chrono::steady_clock;
-
-// Forwards to the simulator, counting transmissions and the time they take.
-class MeasuredPcsc final : public PcscApi {
-public:
-    explicit MeasuredPcsc(std::shared_ptr<PcscApi> inner) : inner_(std::move(inner)) {}
-
-    std::uint32_t EstablishContext(std::uint32_t scope, PcscHandle& context) override {
-        return inner_->EstablishContext(scope, context);
-    }
-    std::uint32_t ReleaseContext(PcscHandle context) override { return inner_->ReleaseContext(context); }
-    std::uint32_t ListReaders(PcscHandle context, std::vector<std::string>& readers) override {
-        return inner_->ListReaders(context, readers);
-    }
-    std::uint32_t Connect(PcscHandle context, const std::string& reader, std::uint32_t share, std::uint32_t protocols,
-                          PcscHandle& card, std::uint32_t& active) override {
-        return inner_->Connect(context, reader, share, protocols, card, active);
-    }
-    std::uint32_t Disconnect(PcscHandle card, std::uint32_t disposition) override {
-        return inner_->Disconnect(card, disposition);
-    }
-    std::uint32_t Status(PcscHandle card, PcscStatus& status) override { return inner_->Status(card, status); }
-    std::uint32_t GetAttrib(PcscHandle card, std::uint32_t attribute, std::vector<std::uint8_t>& value) override {
-        return inner_->GetAttrib(card, attribute, value);
-    }
-    std::uint32_t Transmit(PcscHandle card, std::uint32_t protocol, std::span<const std::uint8_t> command,
-                           std::span<std::uint8_t> answer, std::size_t& received) override {
-        const auto start = Clock::now();
-        const std::uint32_t result = inner_->Transmit(card, protocol, command, answer, received);
-        inside += Clock::now() - start;
-        ++transmissions;
-        return result;
-    }
-
-    void Reset() {
-        inside = {};
-        transmissions = 0;
-    }
-
-    Clock::duration inside{};
-    long transmissions = 0;
-
-private:
-    std::shared_ptr<PcscApi> inner_;
-};
-
-const std::string kFactoryKey = "0000000000000000";
-const std::string kAppKey = "4A1B7C3D5E6F708192A3B4C5D6E7F809";
+using bench::Clock;
+using bench::kAppKey;
+using bench::kFactoryKey;
 
 struct Operation {
     const char* name;
@@ -77,21 +30,11 @@ struct Operation {
 }  // namespace
 
 int main() {
-    auto simulator = std::make_shared<sim::SimulatedPcsc>();
-    simulator->Readers()[0]->Insert(std::make_shared<sim::desfire::DesfireCard>());
-    auto pcsc = std::make_shared<MeasuredPcsc>(simulator);
-    Encoder encoder(pcsc);
-    encoder.Parameters("Device=" + std::string(sim::kDefaultReaderNames[0]) + ";Conformance=card");
-    if (encoder.OpenEncoder() != sceSuccess) {
-        std::fprintf(stderr, "desfire_bench: cannot open the simulated reader: %s\n",
-                     encoder.LastError().Description.c_str());
-        return 1;
-    }
     // An application with a Triple-DES master key, for the application-level rows.
-    encoder.DESFireSelectRoot(kFactoryKey);
-    encoder.DESFireCreateApplication("A1B2C3", DesfireKeySettings(0x0F), 2);
-    encoder.DESFireSelectApplication("A1B2C3", 0, kFactoryKey);
-    encoder.DESFireChangeKey(0, kFactoryKey, kAppKey);
+    bench::SimulatedDesfire run = bench::OpenSimulatedDesfire("desfire_bench", 2);
+    if (!run.encoder) return 1;
+    Encoder& encoder = *run.encoder;
+    bench::MeasuredPcsc* pcsc = run.pcsc.get();
 
     std::string text;
     std::int32_t a = 0, b = 0;
