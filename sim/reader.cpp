@@ -1,5 +1,6 @@
 #include "sim/reader.h"
 
+#include <algorithm>
 #include <thread>
 
 namespace elatectwn4::sim {
@@ -139,15 +140,23 @@ Reader::Delivery Reader::Exchange(const FieldSession* session, std::span<const s
             delivery = Delivery::CardGone;
         } else {
             answer = Dispatch(apdu);
-            Distort(answer);
+            Distort(apdu, answer);
         }
     }
     if (delay.count() > 0) std::this_thread::sleep_for(delay);
     return delivery;
 }
 
-void Reader::Distort(std::vector<std::uint8_t>& answer) {
+void Reader::Distort(std::span<const std::uint8_t> apdu, std::vector<std::uint8_t>& answer) {
     if (answer.empty()) return;
+    if (faults_.corruptAnswersTo && !apdu.empty() && apdu[0] != kReaderClass) {
+        // Native answers end with their data; wrapped ones with the status word.
+        const bool wrapped = apdu[0] == kDesfireIsoClass;
+        const std::uint8_t command = wrapped && apdu.size() > 1 ? apdu[1] : apdu[0];
+        const std::size_t dataEnd = wrapped ? answer.size() - std::min<std::size_t>(2, answer.size()) : answer.size();
+        const std::size_t dataStart = wrapped ? 0 : 1;
+        if (command == *faults_.corruptAnswersTo && dataEnd > dataStart) answer[dataEnd - 1] ^= 0xFF;
+    }
     if (faults_.garbageAnswers) {
         const auto original = answer;
         for (auto& byte : answer)

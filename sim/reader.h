@@ -57,6 +57,10 @@ struct Faults {
     std::chrono::milliseconds delay{0};  ///< added before every answer
     bool dropConnection = false;         ///< the next transmission fails as if the card left (one shot)
     bool endlessMoreFrames = false;      ///< the card answers "more data" (AF / 91AF) to every DESFire frame
+    /// The last data byte of every answer to this DESFire command (its native
+    /// code, sent natively or wrapped) inverted, as a bit error on the way
+    /// would; answers without data pass unchanged.
+    std::optional<std::uint8_t> corruptAnswersTo;
 };
 
 /// The answer a TWN4 gives in the mode that hides the card ("Cindy0" in its
@@ -128,7 +132,7 @@ private:
     std::vector<std::uint8_t> DesfireNative(std::span<const std::uint8_t> frame);
     std::vector<std::uint8_t> DesfireIso(std::span<const std::uint8_t> apdu);
     /// Applies the answer faults (already locked).
-    void Distort(std::vector<std::uint8_t>& answer);
+    void Distort(std::span<const std::uint8_t> apdu, std::vector<std::uint8_t>& answer);
 
     std::string name_;
     mutable std::mutex mutex_;

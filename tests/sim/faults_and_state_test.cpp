@@ -88,6 +88,20 @@ TEST(Faults, EndlessMoreFramesAnswersEveryDesfireFrameAndSparesReaderCommands) {
     EXPECT_EQ(Answer(reader, "FF CA 00 00 00"), "CF1E2D3C9000");
 }
 
+TEST(Faults, ACorruptedCommandLosesTheLastByteOfItsAnswersDataAndNothingElse) {
+    Reader reader{"test"};
+    reader.Insert(MakeCard("desfire"));
+    Faults corrupt;
+    corrupt.corruptAnswersTo = 0x60;
+    reader.SetFaults(corrupt);
+    EXPECT_EQ(Answer(reader, "60"), "AF040101010018FA");
+    EXPECT_EQ(Answer(reader, "AF"), "AF04010101041805") << "the continuation is another command";
+    EXPECT_EQ(Answer(reader, "AF").substr(0, 16), "00045A3B2C1D0E80");
+    EXPECT_EQ(Answer(reader, "6A"), "00");
+    EXPECT_EQ(Answer(reader, "90 60 00 00 00"), "040101010018FA91AF");
+    EXPECT_EQ(Answer(reader, "FF CA 00 00 07"), "045A3B2C1D0E809000");
+}
+
 // Sector 1 with its own keys and data, as a test personalises it.
 void Personalise(Reader& reader) {
     ASSERT_EQ(Open(reader, 4, 'A', "FFFFFFFFFFFF"), "9000");
