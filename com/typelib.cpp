@@ -57,6 +57,29 @@ constexpr std::array kDesfireKeyVersion{In("KeyNumber"), InOut("KeyVersion")};
 constexpr std::array kDesfireKeySettingsOut{InOut("KeySettings"), InOut("KeyCount")};
 constexpr std::array kDesfireKeySettingsIn{In("KeySettings")};
 
+constexpr std::array kDesfireFileIds{InOut("FileIds")};
+constexpr std::array kDesfireDataFile{In("FileNumber"), In("CommunicationSettings"), In("KeyRead"),
+                                      In("KeyWrite"),   In("KeyReadWrite"),          In("KeyManage"),
+                                      In("FileSize")};
+constexpr std::array kDesfireValueFile{In("FileNumber"),   In("CommunicationSettings"),
+                                       In("KeyRead"),      In("KeyWrite"),
+                                       In("KeyReadWrite"), In("KeyManage"),
+                                       In("LowerLimit"),   In("UpperLimit"),
+                                       In("InitialValue"), In("LimitedCreditEnabled")};
+constexpr std::array kDesfireRecordFile{In("FileNumber"), In("CommunicationSettings"), In("KeyRead"),
+                                        In("KeyWrite"),   In("KeyReadWrite"),          In("KeyManage"),
+                                        In("RecordSize"), In("MaxNumOfRecords")};
+constexpr std::array kDesfireFileNumber{In("FileNumber")};
+constexpr std::array kDesfireFileSettings{In("FileNo"), InOut("Information")};
+constexpr std::array kDesfireChangeFileSettings{In("FileNo"),   In("CommunicationSettings"), In("KeyRead"),
+                                                In("KeyWrite"), In("KeyReadWrite"),          In("KeyManage")};
+constexpr std::array kDesfireWrite{In("FileNo"), In("Offset"), In("Length"), In("DataString"), In("IsDataHexaString")};
+constexpr std::array kDesfireRead{In("FileNo"), In("Offset"), In("Length"), InOut("DataString"),
+                                  In("IsDataHexaString")};
+constexpr std::array kDesfireValue{In("FileNo"), InOut("ValueData")};
+constexpr std::array kDesfireAmount{In("FileNo"), In("Amount")};
+constexpr std::array kDesfireFileNo{In("FileNo")};
+
 constexpr std::array kRows{
     // ---- properties of the encoder -------------------------------------------------------------
     Get<Overload<std::string>(&Encoder::Parameters)>(1, "Parameters", "Capabilities and the reader in use"),
@@ -120,6 +143,43 @@ constexpr std::array kRows{
                                                                     "The key settings and the number of keys"),
     Method<&Encoder::DESFireChangeKeySettings, kDesfireKeySettingsIn>(50, "DESFireChangeKeySettings",
                                                                       "Changes the key settings"),
+    // ---- DESFire files, data, records and values -----------------------------------------------
+    Method<&Encoder::DESFireGetFileIDs, kDesfireFileIds>(51, "DESFireGetFileIDs",
+                                                         "The file numbers of the selected application"),
+    Method<&Encoder::DESFireCreateStdDataFile, kDesfireDataFile>(52, "DESFireCreateStdDataFile",
+                                                                 "Creates a standard data file"),
+    Method<&Encoder::DESFireCreateBackupDataFile, kDesfireDataFile>(
+        53, "DESFireCreateBackupDataFile", "Creates a backup data file (writes count once committed)"),
+    Method<&Encoder::DESFireCreateValueFile, kDesfireValueFile>(
+        54, "DESFireCreateValueFile", "Creates a value file with its limits and initial value"),
+    Method<&Encoder::DESFireCreateLinearRecordFile, kDesfireRecordFile>(55, "DESFireCreateLinearRecordFile",
+                                                                        "Creates a linear record file"),
+    Method<&Encoder::DESFireCreateCyclicRecordFile, kDesfireRecordFile>(56, "DESFireCreateCyclicRecordFile",
+                                                                        "Creates a cyclic record file"),
+    Method<&Encoder::DESFireDeleteFile, kDesfireFileNumber>(57, "DESFireDeleteFile", "Deletes a file"),
+    Method<&Encoder::DESFireGetFileSettings, kDesfireFileSettings>(58, "DESFireGetFileSettings",
+                                                                   "A file's settings record as hex bytes"),
+    Method<&Encoder::DESFireChangeFileSettings, kDesfireChangeFileSettings>(
+        59, "DESFireChangeFileSettings", "Changes a file's communication settings and rights"),
+    Method<&Encoder::DESFireCommitTransaction>(60, "DESFireCommitTransaction",
+                                               "Makes the pending changes to backup, value and record files count"),
+    Method<&Encoder::DESFireAbortTransaction>(61, "DESFireAbortTransaction",
+                                              "Drops the pending changes to backup, value and record files"),
+    Method<&Encoder::DESFireWriteData, kDesfireWrite>(62, "DESFireWriteData",
+                                                      "Writes into a data file (Length 0: the length of DataString)"),
+    Method<&Encoder::DESFireReadData, kDesfireRead>(63, "DESFireReadData",
+                                                    "Reads from a data file (Length 0: to the end)"),
+    Method<&Encoder::DESFireWriteRecord, kDesfireWrite>(64, "DESFireWriteRecord",
+                                                        "Writes into the pending record of a record file"),
+    Method<&Encoder::DESFireReadRecords, kDesfireRead>(65, "DESFireReadRecords",
+                                                       "Reads records, oldest first (Length 0: all)"),
+    Method<&Encoder::DESFireGetValue, kDesfireValue>(66, "DESFireGetValue", "The value of a value file"),
+    Method<&Encoder::DESFireDebit, kDesfireAmount>(67, "DESFireDebit", "Takes an amount from a value file"),
+    Method<&Encoder::DESFireCredit, kDesfireAmount>(68, "DESFireCredit", "Adds an amount to a value file"),
+    Method<&Encoder::DESFireLimitedCredit, kDesfireAmount>(69, "DESFireLimitedCredit",
+                                                           "Gives back at most what the last committed debits took"),
+    Method<&Encoder::DESFireClearRecordFile, kDesfireFileNo>(70, "DESFireClearRecordFile",
+                                                             "Empties a record file (once committed)"),
     // ---- the error record ----------------------------------------------------------------------
     FieldGet<&CError::Number>(1, "Number", "Error number (0 = none)"),
     FieldPut<&CError::Number>(1, "Number"),

@@ -4,6 +4,9 @@
 #include <utility>
 
 #include "desfire/desfire.h"
+#include "desfire/files.h"
+#include "desfire/transfer.h"
+#include "desfire/values.h"
 #include "elatectwn4/encoder.h"
 #include "encoder/encoder_impl.h"
 
@@ -82,6 +85,164 @@ sceReturnCode Encoder::DESFireGetKeySettings(std::int32_t& KeySettings, std::int
 sceReturnCode Encoder::DESFireChangeKeySettings(DesfireKeySettings KeySettings) {
     return RunDesfire(*impl_, "DESFireChangeKeySettings",
                       [&](desfire::Context& ctx) { return desfire::DESFireChangeKeySettings(ctx, KeySettings); });
+}
+
+// ---- Files, data, records and values -------------------------------------------
+
+namespace {
+
+desfire::AccessRights Rights(DesfireAccessRights read, DesfireAccessRights write, DesfireAccessRights readWrite,
+                             DesfireAccessRights change) {
+    return {read, write, readWrite, change};
+}
+
+}  // namespace
+
+sceReturnCode Encoder::DESFireGetFileIDs(std::string& FileIds) {
+    return RunDesfire(*impl_, "DESFireGetFileIDs",
+                      [&](desfire::Context& ctx) { return desfire::DESFireGetFileIDs(ctx, FileIds); });
+}
+
+sceReturnCode Encoder::DESFireCreateStdDataFile(std::int32_t FileNumber,
+                                                DesfireCommunicationSettings CommunicationSettings,
+                                                DesfireAccessRights KeyRead, DesfireAccessRights KeyWrite,
+                                                DesfireAccessRights KeyReadWrite, DesfireAccessRights KeyManage,
+                                                std::int32_t FileSize) {
+    return RunDesfire(*impl_, "DESFireCreateStdDataFile", [&](desfire::Context& ctx) {
+        return desfire::DESFireCreateStdDataFile(ctx, FileNumber, CommunicationSettings,
+                                                 Rights(KeyRead, KeyWrite, KeyReadWrite, KeyManage), FileSize);
+    });
+}
+
+sceReturnCode Encoder::DESFireCreateBackupDataFile(std::int32_t FileNumber,
+                                                   DesfireCommunicationSettings CommunicationSettings,
+                                                   DesfireAccessRights KeyRead, DesfireAccessRights KeyWrite,
+                                                   DesfireAccessRights KeyReadWrite, DesfireAccessRights KeyManage,
+                                                   std::int32_t FileSize) {
+    return RunDesfire(*impl_, "DESFireCreateBackupDataFile", [&](desfire::Context& ctx) {
+        return desfire::DESFireCreateBackupDataFile(ctx, FileNumber, CommunicationSettings,
+                                                    Rights(KeyRead, KeyWrite, KeyReadWrite, KeyManage), FileSize);
+    });
+}
+
+sceReturnCode Encoder::DESFireCreateValueFile(std::int32_t FileNumber,
+                                              DesfireCommunicationSettings CommunicationSettings,
+                                              DesfireAccessRights KeyRead, DesfireAccessRights KeyWrite,
+                                              DesfireAccessRights KeyReadWrite, DesfireAccessRights KeyManage,
+                                              std::int32_t LowerLimit, std::int32_t UpperLimit,
+                                              std::int32_t InitialValue, bool LimitedCreditEnabled) {
+    return RunDesfire(*impl_, "DESFireCreateValueFile", [&](desfire::Context& ctx) {
+        return desfire::DESFireCreateValueFile(ctx, FileNumber, CommunicationSettings,
+                                               Rights(KeyRead, KeyWrite, KeyReadWrite, KeyManage), LowerLimit,
+                                               UpperLimit, InitialValue, LimitedCreditEnabled);
+    });
+}
+
+sceReturnCode Encoder::DESFireCreateLinearRecordFile(std::int32_t FileNumber,
+                                                     DesfireCommunicationSettings CommunicationSettings,
+                                                     DesfireAccessRights KeyRead, DesfireAccessRights KeyWrite,
+                                                     DesfireAccessRights KeyReadWrite, DesfireAccessRights KeyManage,
+                                                     std::int32_t RecordSize, std::int32_t MaxNumOfRecords) {
+    return RunDesfire(*impl_, "DESFireCreateLinearRecordFile", [&](desfire::Context& ctx) {
+        return desfire::DESFireCreateLinearRecordFile(ctx, FileNumber, CommunicationSettings,
+                                                      Rights(KeyRead, KeyWrite, KeyReadWrite, KeyManage), RecordSize,
+                                                      MaxNumOfRecords);
+    });
+}
+
+sceReturnCode Encoder::DESFireCreateCyclicRecordFile(std::int32_t FileNumber,
+                                                     DesfireCommunicationSettings CommunicationSettings,
+                                                     DesfireAccessRights KeyRead, DesfireAccessRights KeyWrite,
+                                                     DesfireAccessRights KeyReadWrite, DesfireAccessRights KeyManage,
+                                                     std::int32_t RecordSize, std::int32_t MaxNumOfRecords) {
+    return RunDesfire(*impl_, "DESFireCreateCyclicRecordFile", [&](desfire::Context& ctx) {
+        return desfire::DESFireCreateCyclicRecordFile(ctx, FileNumber, CommunicationSettings,
+                                                      Rights(KeyRead, KeyWrite, KeyReadWrite, KeyManage), RecordSize,
+                                                      MaxNumOfRecords);
+    });
+}
+
+sceReturnCode Encoder::DESFireDeleteFile(std::int32_t FileNumber) {
+    return RunDesfire(*impl_, "DESFireDeleteFile",
+                      [&](desfire::Context& ctx) { return desfire::DESFireDeleteFile(ctx, FileNumber); });
+}
+
+sceReturnCode Encoder::DESFireGetFileSettings(std::int32_t FileNo, std::string& Information) {
+    return RunDesfire(*impl_, "DESFireGetFileSettings",
+                      [&](desfire::Context& ctx) { return desfire::DESFireGetFileSettings(ctx, FileNo, Information); });
+}
+
+sceReturnCode Encoder::DESFireChangeFileSettings(std::int32_t FileNo,
+                                                 DesfireCommunicationSettings CommunicationSettings,
+                                                 DesfireAccessRights KeyRead, DesfireAccessRights KeyWrite,
+                                                 DesfireAccessRights KeyReadWrite, DesfireAccessRights KeyManage) {
+    return RunDesfire(*impl_, "DESFireChangeFileSettings", [&](desfire::Context& ctx) {
+        return desfire::DESFireChangeFileSettings(ctx, FileNo, CommunicationSettings,
+                                                  Rights(KeyRead, KeyWrite, KeyReadWrite, KeyManage));
+    });
+}
+
+sceReturnCode Encoder::DESFireCommitTransaction() {
+    return RunDesfire(*impl_, "DESFireCommitTransaction",
+                      [&](desfire::Context& ctx) { return desfire::DESFireCommitTransaction(ctx); });
+}
+
+sceReturnCode Encoder::DESFireAbortTransaction() {
+    return RunDesfire(*impl_, "DESFireAbortTransaction",
+                      [&](desfire::Context& ctx) { return desfire::DESFireAbortTransaction(ctx); });
+}
+
+sceReturnCode Encoder::DESFireWriteData(std::int32_t FileNo, std::int32_t Offset, std::int32_t Length,
+                                        const std::string& DataString, bool IsDataHexaString) {
+    return RunDesfire(*impl_, "DESFireWriteData", [&](desfire::Context& ctx) {
+        return desfire::DESFireWriteData(ctx, FileNo, Offset, Length, DataString, IsDataHexaString);
+    });
+}
+
+sceReturnCode Encoder::DESFireReadData(std::int32_t FileNo, std::int32_t Offset, std::int32_t Length,
+                                       std::string& DataString, bool IsDataHexaString) {
+    return RunDesfire(*impl_, "DESFireReadData", [&](desfire::Context& ctx) {
+        return desfire::DESFireReadData(ctx, FileNo, Offset, Length, DataString, IsDataHexaString);
+    });
+}
+
+sceReturnCode Encoder::DESFireWriteRecord(std::int32_t FileNo, std::int32_t Offset, std::int32_t Length,
+                                          const std::string& DataString, bool IsDataHexaString) {
+    return RunDesfire(*impl_, "DESFireWriteRecord", [&](desfire::Context& ctx) {
+        return desfire::DESFireWriteRecord(ctx, FileNo, Offset, Length, DataString, IsDataHexaString);
+    });
+}
+
+sceReturnCode Encoder::DESFireReadRecords(std::int32_t FileNo, std::int32_t Offset, std::int32_t Length,
+                                          std::string& DataString, bool IsDataHexaString) {
+    return RunDesfire(*impl_, "DESFireReadRecords", [&](desfire::Context& ctx) {
+        return desfire::DESFireReadRecords(ctx, FileNo, Offset, Length, DataString, IsDataHexaString);
+    });
+}
+
+sceReturnCode Encoder::DESFireGetValue(std::int32_t FileNo, std::int32_t& ValueData) {
+    return RunDesfire(*impl_, "DESFireGetValue",
+                      [&](desfire::Context& ctx) { return desfire::DESFireGetValue(ctx, FileNo, ValueData); });
+}
+
+sceReturnCode Encoder::DESFireDebit(std::int32_t FileNo, std::int32_t Amount) {
+    return RunDesfire(*impl_, "DESFireDebit",
+                      [&](desfire::Context& ctx) { return desfire::DESFireDebit(ctx, FileNo, Amount); });
+}
+
+sceReturnCode Encoder::DESFireCredit(std::int32_t FileNo, std::int32_t Amount) {
+    return RunDesfire(*impl_, "DESFireCredit",
+                      [&](desfire::Context& ctx) { return desfire::DESFireCredit(ctx, FileNo, Amount); });
+}
+
+sceReturnCode Encoder::DESFireLimitedCredit(std::int32_t FileNo, std::int32_t Amount) {
+    return RunDesfire(*impl_, "DESFireLimitedCredit",
+                      [&](desfire::Context& ctx) { return desfire::DESFireLimitedCredit(ctx, FileNo, Amount); });
+}
+
+sceReturnCode Encoder::DESFireClearRecordFile(std::int32_t FileNo) {
+    return RunDesfire(*impl_, "DESFireClearRecordFile",
+                      [&](desfire::Context& ctx) { return desfire::DESFireClearRecordFile(ctx, FileNo); });
 }
 
 }  // namespace elatectwn4

@@ -64,7 +64,16 @@ public:
     ///                DESFireChangeKey of a key other than the session's
     ///                sends the 24-byte cryptogram EV1 cards take in legacy
     ///                mode instead of two padded pieces of 24 bytes, which
-    ///                such cards refuse.
+    ///                such cards refuse. DESFireChangeFileSettings sends only
+    ///                the form the file's change right calls for (plain when
+    ///                anyone may change the settings, enciphered otherwise)
+    ///                instead of plain first and enciphered after a refusal,
+    ///                which a card that ends its session on the refusal
+    ///                turns down. Enciphered reads whose length is left open
+    ///                (DESFireReadRecords, DESFireReadData with Length 0)
+    ///                take the length from the file's settings instead of the
+    ///                zero padding, so data whose CRC ends in a zero byte
+    ///                reads back whole instead of one byte short.
     /// Every other key is ignored.
     void Parameters(const std::string& text);
     /// "Pellucid|Elatec TWN4|<major>.<minor>.<revision>|1|<n>|<capabilities>".
@@ -169,6 +178,90 @@ public:
     sceReturnCode DESFireGetKeyVersion(std::int32_t KeyNumber, std::int32_t& KeyVersion);
     sceReturnCode DESFireGetKeySettings(std::int32_t& KeySettings, std::int32_t& KeyCount);
     sceReturnCode DESFireChangeKeySettings(DesfireKeySettings KeySettings);
+
+    // ---- DESFire: files --------------------------------------------------------
+    // The files of the selected application; every member needs a session.
+    // File numbers 0..15, but 0..7 for value and record files. Rights are a
+    // key number 0..13, dfaAllowAll or dfaDenyAll, given in the order read,
+    // write, read&write, change (KeyManage).
+
+    /// FileIds = the file numbers in decimal, ascending, "1,3,5" ("" for none).
+    sceReturnCode DESFireGetFileIDs(std::string& FileIds);
+    /// FileSize 1..0xFFFFFF bytes.
+    sceReturnCode DESFireCreateStdDataFile(std::int32_t FileNumber, DesfireCommunicationSettings CommunicationSettings,
+                                           DesfireAccessRights KeyRead, DesfireAccessRights KeyWrite,
+                                           DesfireAccessRights KeyReadWrite, DesfireAccessRights KeyManage,
+                                           std::int32_t FileSize);
+    /// A data file whose writes count once committed.
+    sceReturnCode DESFireCreateBackupDataFile(std::int32_t FileNumber,
+                                              DesfireCommunicationSettings CommunicationSettings,
+                                              DesfireAccessRights KeyRead, DesfireAccessRights KeyWrite,
+                                              DesfireAccessRights KeyReadWrite, DesfireAccessRights KeyManage,
+                                              std::int32_t FileSize);
+    /// LowerLimit <= InitialValue <= UpperLimit.
+    sceReturnCode DESFireCreateValueFile(std::int32_t FileNumber, DesfireCommunicationSettings CommunicationSettings,
+                                         DesfireAccessRights KeyRead, DesfireAccessRights KeyWrite,
+                                         DesfireAccessRights KeyReadWrite, DesfireAccessRights KeyManage,
+                                         std::int32_t LowerLimit, std::int32_t UpperLimit, std::int32_t InitialValue,
+                                         bool LimitedCreditEnabled);
+    /// RecordSize and MaxNumOfRecords 1..0xFFFFFF. A linear file refuses a
+    /// record once full; a cyclic one drops its oldest.
+    sceReturnCode DESFireCreateLinearRecordFile(std::int32_t FileNumber,
+                                                DesfireCommunicationSettings CommunicationSettings,
+                                                DesfireAccessRights KeyRead, DesfireAccessRights KeyWrite,
+                                                DesfireAccessRights KeyReadWrite, DesfireAccessRights KeyManage,
+                                                std::int32_t RecordSize, std::int32_t MaxNumOfRecords);
+    sceReturnCode DESFireCreateCyclicRecordFile(std::int32_t FileNumber,
+                                                DesfireCommunicationSettings CommunicationSettings,
+                                                DesfireAccessRights KeyRead, DesfireAccessRights KeyWrite,
+                                                DesfireAccessRights KeyReadWrite, DesfireAccessRights KeyManage,
+                                                std::int32_t RecordSize, std::int32_t MaxNumOfRecords);
+    sceReturnCode DESFireDeleteFile(std::int32_t FileNumber);
+    /// Information = the settings record as hex bytes, "00 03 E1 12 20 00 00"
+    /// (fields in DesfireFileSettings order).
+    sceReturnCode DESFireGetFileSettings(std::int32_t FileNo, std::string& Information);
+    /// CommunicationSettings: any byte 0..255. Sent plain, and enciphered
+    /// when the card refuses that (see Conformance=card).
+    sceReturnCode DESFireChangeFileSettings(std::int32_t FileNo, DesfireCommunicationSettings CommunicationSettings,
+                                            DesfireAccessRights KeyRead, DesfireAccessRights KeyWrite,
+                                            DesfireAccessRights KeyReadWrite, DesfireAccessRights KeyManage);
+    /// Nothing to commit or abort is a failure of its own (0x90010E4F).
+    sceReturnCode DESFireCommitTransaction();
+    sceReturnCode DESFireAbortTransaction();
+
+    // ---- DESFire: data and records ------------------------------------------
+    // Plain, MACed or enciphered as the file's settings say; long transfers go
+    // in several frames. DataString is hex text (blanks allowed) when
+    // IsDataHexaString, otherwise one byte per character; reads give compact
+    // upper-case hex or the characters.
+
+    /// Length 1..0xFFFFFF, or 0 for the number of characters of DataString;
+    /// the data is cut or filled with zero bytes to Length.
+    sceReturnCode DESFireWriteData(std::int32_t FileNo, std::int32_t Offset, std::int32_t Length,
+                                   const std::string& DataString, bool IsDataHexaString);
+    /// Length bytes from Offset; 0 reads to the end of the file.
+    sceReturnCode DESFireReadData(std::int32_t FileNo, std::int32_t Offset, std::int32_t Length,
+                                  std::string& DataString, bool IsDataHexaString);
+    /// Writes into the record of the open transaction; Offset and Length
+    /// within the record.
+    sceReturnCode DESFireWriteRecord(std::int32_t FileNo, std::int32_t Offset, std::int32_t Length,
+                                     const std::string& DataString, bool IsDataHexaString);
+    /// Length records (0: all) from Offset records back from the newest,
+    /// oldest first.
+    sceReturnCode DESFireReadRecords(std::int32_t FileNo, std::int32_t Offset, std::int32_t Length,
+                                     std::string& DataString, bool IsDataHexaString);
+
+    // ---- DESFire: values ------------------------------------------------------
+    // Amounts 0 or more; changes count once committed. Beyond the file's
+    // limits: 0x90010E50, beyond what a limited credit may give back:
+    // 0x90010E51.
+    sceReturnCode DESFireGetValue(std::int32_t FileNo, std::int32_t& ValueData);
+    sceReturnCode DESFireDebit(std::int32_t FileNo, std::int32_t Amount);
+    sceReturnCode DESFireCredit(std::int32_t FileNo, std::int32_t Amount);
+    /// Gives back at most what the last committed debits took.
+    sceReturnCode DESFireLimitedCredit(std::int32_t FileNo, std::int32_t Amount);
+    /// Empties a record file once committed. FileNo goes to the card as its low byte, unchecked.
+    sceReturnCode DESFireClearRecordFile(std::int32_t FileNo);
 
     struct Impl;
 

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
@@ -172,6 +173,36 @@ TEST(Twn4, TheDesfireExampleSecuresACardAndShowsByteArraysForPeopleAndScripts) {
     EXPECT_EQ(lines[1]["out"]["Information"], nlohmann::json({4, 0x5A, 0x3B, 0x2C, 0x1D, 0x0E, 0x80}));
     EXPECT_EQ(lines[2]["out"]["Information"], 4096);
     EXPECT_EQ(lines[3]["out"]["Information"].size(), 28u);
+}
+
+TEST(Twn4, TheDesfirePersonalisationWritesEveryKindOfFileAndReadsItBack) {
+    const std::string script =
+        std::string(" --simulate desfire --script ") + EXAMPLES_DIR + "/personalise-desfire.twn4";
+    const auto people = Twn4(script);
+    EXPECT_EQ(people.status, 0) << people.out << people.err;
+    EXPECT_EQ(people.out.find("sceError"), std::string::npos) << people.out;
+
+    const auto json = Twn4("--json" + script);
+    ASSERT_EQ(json.status, 0) << json.out << json.err;
+    std::map<std::string, std::vector<nlohmann::json>> outs;
+    for (const auto& line : JsonLines(json.out)) {
+        if (line.contains("member")) outs[line["member"].get<std::string>()].push_back(line["out"]);
+    }
+    const std::string holder = "Jane Doe / 12 Harbour Road / Springfield / member 0042 / valid to 2028-12-31 ###";
+    const auto& reads = outs["DESFireReadData"];
+    ASSERT_EQ(reads.size(), 6u);
+    for (std::size_t i = 0; i < 3; ++i)
+        EXPECT_EQ(reads[i]["DataString"], holder) << "file " << i + 1;
+    EXPECT_EQ(reads[3]["DataString"], "313220486172626F757220526F616420");  // "12 Harbour Road " as hex
+    EXPECT_EQ(reads[4]["DataString"], std::string(32, '0')) << "not committed yet";
+    EXPECT_EQ(reads[5]["DataString"], "Issued: Nov 2026");
+    const auto& values = outs["DESFireGetValue"];
+    ASSERT_EQ(values.size(), 3u);
+    EXPECT_EQ(values[0]["ValueData"], 150);
+    EXPECT_EQ(values[1]["ValueData"], 150) << "the debit was aborted";
+    EXPECT_EQ(values[2]["ValueData"], 120);
+    EXPECT_EQ(outs["DESFireReadRecords"].at(0)["DataString"], "2026-11-20 gate12026-11-21 gate3");
+    EXPECT_EQ(outs["DESFireGetFileIDs"].at(0)["FileIds"], "1,2,3,4,5,6");
 }
 
 struct UsageCase {

@@ -59,6 +59,10 @@ Variant SampleArgument(const ParamInfo& p) {
         {"NewKey", std::string(kDesfireFactoryKey)},
         {"NumOfKeys", std::int32_t{1}},
         {"KeySettings", std::int32_t{0x0F}},
+        {"FileSize", std::int32_t{32}},
+        {"RecordSize", std::int32_t{4}},
+        {"MaxNumOfRecords", std::int32_t{2}},
+        {"DataString", std::string("00")},
     };
     if (auto it = byName.find(p.name); it != byName.end()) {
         if (p.type == ValueType::String && p.name == "Value") return std::string("Device=") + kReader;
@@ -93,6 +97,39 @@ bool HoldsDeclaredType(const Variant& v, ValueType type) {
     }
 }
 
+// The file, data and value members work on file 0 of a fresh application
+// A1B2C3: none for the creations, otherwise a file of the kind the member
+// takes, everyone's to read, write and change, with something to commit, to
+// read back or to give back.
+void PrepareFileMember(Encoder& e, const std::string& member) {
+    const auto ok = [&e](sceReturnCode result) { ASSERT_EQ(result, sceSuccess) << e.LastError().Description; };
+    const auto all = dfaAllowAll;
+    ok(e.DESFireFormat());
+    ok(e.DESFireCreateApplication("A1B2C3", DesfireKeySettings(0x0F), 1));
+    ok(e.DESFireSelectApplication("A1B2C3", 0, kDesfireFactoryKey));
+    if (member.starts_with("DESFireCreate")) return;
+    if (member.find("Record") != std::string::npos) {
+        ok(e.DESFireCreateLinearRecordFile(0, dfcPlain, all, all, all, all, 4, 2));
+        ok(e.DESFireWriteRecord(0, 0, 4, "01020304", true));
+        ok(e.DESFireCommitTransaction());
+    } else if (member.find("Value") != std::string::npos || member.ends_with("Credit") || member.ends_with("Debit")) {
+        ok(e.DESFireCreateValueFile(0, dfcPlain, all, all, all, all, 0, 100, 10, true));
+    } else if (member.ends_with("Transaction")) {
+        ok(e.DESFireCreateBackupDataFile(0, dfcPlain, all, all, all, all, 32));
+        ok(e.DESFireWriteData(0, 0, 4, "01020304", true));
+    } else {
+        ok(e.DESFireCreateStdDataFile(0, dfcPlain, all, all, all, all, 32));
+    }
+}
+
+bool IsFileMember(const std::string& member) {
+    static const std::set<std::string> kKeysAndApplications{
+        "DESFireSelectApplication", "DESFireSelectRoot",      "DESFireFormat",           "DESFireCreateApplication",
+        "DESFireDeleteApplication", "DESFireGetApplications", "DESFireGetVersion",       "DESFireChangeKey",
+        "DESFireGetKeyVersion",     "DESFireGetKeySettings",  "DESFireChangeKeySettings"};
+    return member.starts_with("DESFire") && !kKeysAndApplications.contains(member);
+}
+
 TEST(Dispatch, EveryEncoderMemberIsCallableByNameWithItsDeclaredTypes) {
     SimulatedEncoder mifare;
     // The DESFire members run in the order of the table on a card with
@@ -108,6 +145,9 @@ TEST(Dispatch, EveryEncoderMemberIsCallableByNameWithItsDeclaredTypes) {
         SimulatedEncoder& sim = isDesfire ? desfire : mifare;
         if (isDesfire) {
             ASSERT_EQ(sim.encoder.DESFireSelectRoot(kDesfireFactoryKey), sceSuccess);
+        }
+        if (IsFileMember(std::string(m.name))) {
+            ASSERT_NO_FATAL_FAILURE(PrepareFileMember(sim.encoder, std::string(m.name)));
         }
         std::vector<Variant> args;
         for (const auto& p : m.params) {
