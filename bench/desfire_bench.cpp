@@ -11,19 +11,14 @@
 #include <string>
 #include <vector>
 
-#include "bench/measured_pcsc.h"
-#include "elatectwn4/encoder.h"
-#include "sim/desfire/desfire_sim.h"
-#include "sim/simulated_pcsc.h"
+#include "bench/simulated_desfire.h"
 
 namespace {
 
 using namespace elatectwn4;
 using bench::Clock;
-using bench::MeasuredPcsc;
-
-const std::string kFactoryKey = "0000000000000000";
-const std::string kAppKey = "4A1B7C3D5E6F708192A3B4C5D6E7F809";
+using bench::kAppKey;
+using bench::kFactoryKey;
 
 struct Operation {
     const char* name;
@@ -35,21 +30,11 @@ struct Operation {
 }  // namespace
 
 int main() {
-    auto simulator = std::make_shared<sim::SimulatedPcsc>();
-    simulator->Readers()[0]->Insert(std::make_shared<sim::desfire::DesfireCard>());
-    auto pcsc = std::make_shared<MeasuredPcsc>(simulator);
-    Encoder encoder(pcsc);
-    encoder.Parameters("Device=" + std::string(sim::kDefaultReaderNames[0]) + ";Conformance=card");
-    if (encoder.OpenEncoder() != sceSuccess) {
-        std::fprintf(stderr, "desfire_bench: cannot open the simulated reader: %s\n",
-                     encoder.LastError().Description.c_str());
-        return 1;
-    }
     // An application with a Triple-DES master key, for the application-level rows.
-    encoder.DESFireSelectRoot(kFactoryKey);
-    encoder.DESFireCreateApplication("A1B2C3", DesfireKeySettings(0x0F), 2);
-    encoder.DESFireSelectApplication("A1B2C3", 0, kFactoryKey);
-    encoder.DESFireChangeKey(0, kFactoryKey, kAppKey);
+    bench::SimulatedDesfire run = bench::OpenSimulatedDesfire("desfire_bench", 2);
+    if (!run.encoder) return 1;
+    Encoder& encoder = *run.encoder;
+    bench::MeasuredPcsc* pcsc = run.pcsc.get();
 
     std::string text;
     std::int32_t a = 0, b = 0;

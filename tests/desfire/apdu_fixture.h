@@ -6,6 +6,8 @@
 
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "../sim_desfire/host.h"
 #include "command/channel.h"
@@ -76,6 +78,14 @@ protected:
         std::copy(sessionKey.begin(), sessionKey.end(), session.sessionKey.data());
         session.authenticatedKeyNumber = keyNumber;
         session.selectedApplicationId = std::move(application);
+    }
+
+    /// A fresh script: each command (hex text, "??" for any byte) answered as given.
+    void ScriptExchanges(const std::vector<std::pair<std::string, std::string>>& exchanges) {
+        fake = std::make_shared<test::ScriptedPcsc>();
+        channel.pcsc = fake.get();
+        for (const auto& [command, answer] : exchanges)
+            fake->Expect(command).Reply(answer);
     }
 
     Key SessionKeyNow() const {

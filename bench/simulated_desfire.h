@@ -1,14 +1,19 @@
-// A PC/SC boundary that forwards to another (the in-process simulator) and
-// counts the transmissions and the time spent inside them, so that a
-// benchmark can take the simulator's own time off the component's.
+// What the DESFire benchmarks run on: an Encoder over the in-process
+// simulated card, behind a PC/SC boundary that counts the transmissions and
+// the time spent inside them, so that a benchmark can take the simulator's
+// own time off the component's.
 #pragma once
 
 #include <chrono>
+#include <cstdio>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "elatectwn4/encoder.h"
 #include "elatectwn4/pcsc.h"
+#include "sim/desfire/desfire_sim.h"
+#include "sim/simulated_pcsc.h"
 
 namespace elatectwn4::bench {
 
@@ -56,5 +61,37 @@ public:
 private:
     std::shared_ptr<PcscApi> inner_;
 };
+
+inline const std::string kFactoryKey = "0000000000000000";
+inline const std::string kAppKey = "4A1B7C3D5E6F708192A3B4C5D6E7F809";
+
+/// A factory DESFire card in the simulated reader, the encoder open on it with
+/// Conformance=card, and application A1B2C3 with `keys` keys whose master key
+/// is kAppKey (Triple-DES). Null, with a message naming `program`, when the
+/// reader does not open.
+struct SimulatedDesfire {
+    std::shared_ptr<MeasuredPcsc> pcsc;
+    std::unique_ptr<Encoder> encoder;
+};
+
+inline SimulatedDesfire OpenSimulatedDesfire(const char* program, std::int32_t keys) {
+    auto simulator = std::make_shared<sim::SimulatedPcsc>();
+    simulator->Readers()[0]->Insert(std::make_shared<sim::desfire::DesfireCard>());
+    SimulatedDesfire run{std::make_shared<MeasuredPcsc>(simulator), nullptr};
+    run.encoder = std::make_unique<Encoder>(run.pcsc);
+    Encoder& encoder = *run.encoder;
+    encoder.Parameters("Device=" + std::string(sim::kDefaultReaderNames[0]) + ";Conformance=card");
+    if (encoder.OpenEncoder() != sceSuccess) {
+        std::fprintf(stderr, "%s: cannot open the simulated reader: %s\n", program,
+                     encoder.LastError().Description.c_str());
+        run.encoder.reset();
+        return run;
+    }
+    encoder.DESFireSelectRoot(kFactoryKey);
+    encoder.DESFireCreateApplication("A1B2C3", DesfireKeySettings(0x0F), keys);
+    encoder.DESFireSelectApplication("A1B2C3", 0, kFactoryKey);
+    encoder.DESFireChangeKey(0, kFactoryKey, kAppKey);
+    return run;
+}
 
 }  // namespace elatectwn4::bench
