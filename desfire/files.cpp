@@ -13,16 +13,8 @@ namespace {
 
 namespace cmd = command::cmd;
 
-constexpr std::int32_t kMaxField24 = 0xFFFFFF;
-constexpr std::int32_t kHighestFile = 15;
-// Value and record files take only the lower half of the numbers.
-constexpr std::int32_t kHighestValueOrRecordFile = 7;
 constexpr std::int32_t kHighestRight = 15;
 constexpr std::size_t kRightsOffset = 2;
-
-bool IsFileNumber(std::int32_t number, std::int32_t highest) noexcept {
-    return number >= 0 && number <= highest;
-}
 
 bool IsCreatableCommunication(std::int32_t settings) noexcept {
     return settings == dfcPlain || settings == dfcPlainMac || settings == dfcCiphered;

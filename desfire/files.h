@@ -13,7 +13,17 @@
 
 namespace elatectwn4::desfire {
 
-// ---- Field encodings ----------------------------------------------------------
+// ---- Limits and field encodings ----------------------------------------------
+
+/// The largest value of a three-byte field: sizes, offsets, lengths, counts.
+inline constexpr std::int32_t kMaxField24 = 0xFFFFFF;
+/// File numbers run 0..15; value and record files take only 0..7.
+inline constexpr std::int32_t kHighestFile = 15;
+inline constexpr std::int32_t kHighestValueOrRecordFile = 7;
+
+constexpr bool IsFileNumber(std::int32_t number, std::int32_t highest) noexcept {
+    return number >= 0 && number <= highest;
+}
 
 /// The low byte of `value` as two hex digits: 8 -> "08", 257 -> "01", -1 -> "FF".
 std::string ByteField(std::int64_t value);

@@ -22,8 +22,6 @@ constexpr std::size_t kMacSize = 4;
 constexpr std::size_t kCrcSize = 2;
 constexpr std::size_t kFirstFrame = 52;
 constexpr std::size_t kNextFrame = 59;
-constexpr std::int32_t kMaxField24 = 0xFFFFFF;
-constexpr std::int32_t kHighestFile = 15;
 constexpr std::uint8_t kPaddingMarker = 0x80;
 
 constexpr std::int32_t kDataTypes[] = {dftData, dftBackup};
@@ -150,7 +148,7 @@ std::optional<std::vector<std::uint8_t>> CheckedAnswer(Context& ctx, const FileC
 std::optional<ErrorNumber> TransferRefusal(const Session& session, std::int32_t fileNo, std::int32_t offset,
                                            std::int32_t length) {
     if (!session.Authenticated()) return ErrorNumber::NotAuthenticated;
-    if (fileNo < 0 || fileNo > kHighestFile) return ErrorNumber::InvalidFileNumber;
+    if (!IsFileNumber(fileNo, kHighestFile)) return ErrorNumber::InvalidFileNumber;
     if (offset < 0 || offset > kMaxField24) return ErrorNumber::InvalidOffset;
     if (length < 0 || length > kMaxField24) return ErrorNumber::InvalidLength;
     return std::nullopt;

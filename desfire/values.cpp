@@ -11,13 +11,12 @@ namespace {
 
 namespace cmd = command::cmd;
 
-constexpr std::int32_t kHighestValueFile = 7;
 constexpr std::size_t kValueSize = 4;
 constexpr std::int32_t kValueTypes[] = {dftValue};
 
 std::optional<ErrorNumber> ValueRefusal(const Session& session, std::int32_t fileNo) {
     if (!session.Authenticated()) return ErrorNumber::NotAuthenticated;
-    if (fileNo < 0 || fileNo > kHighestValueFile) return ErrorNumber::InvalidFileNumber;
+    if (!IsFileNumber(fileNo, kHighestValueOrRecordFile)) return ErrorNumber::InvalidFileNumber;
     return std::nullopt;
 }
 
