@@ -91,12 +91,13 @@ TEST_F(EndToEnd, EachCardsIdentityAndRawAnswersComeThroughPcscd) {
     struct Row {
         std::string reader, kind, uid;
         sceCardTypes type;
-        std::string escape;  // a raw command the reader passes to the card
+        std::vector<std::string> escapes;  // raw commands the reader passes to the card
     };
     const Row rows[] = {
-        {setup_.mifareReader, "mifare1k", setup_.mifareUid, sceMifare1K, "FFCA000000"},
-        // A native DESFire frame of one byte, which vpcd must not take for a power message.
-        {setup_.desfireReader, "desfire", setup_.desfireUid, sceUnknownType, "60"},
+        {setup_.mifareReader, "mifare1k", setup_.mifareUid, sceMifare1K, {"FFCA000000"}},
+        // A native DESFire frame of one byte, which vpcd must not take for a power message,
+        // and its continuations, so that the card is left with no answer half given.
+        {setup_.desfireReader, "desfire", setup_.desfireUid, sceUnknownType, {"60", "AF", "AF"}},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.reader);
@@ -113,9 +114,11 @@ TEST_F(EndToEnd, EachCardsIdentityAndRawAnswersComeThroughPcscd) {
 
         sim::Reader reference("reference");
         reference.Insert(sim::MakeCard(row.kind, FromHex(row.uid)));
-        std::string raw;
-        ASSERT_EQ(encoder.Escape(row.escape, raw), sceSuccess) << Describe(encoder.LastError());
-        EXPECT_EQ(raw, Hex(reference.Transmit(FromHex(row.escape))));
+        for (const std::string& escape : row.escapes) {
+            std::string raw;
+            ASSERT_EQ(encoder.Escape(escape, raw), sceSuccess) << Describe(encoder.LastError());
+            EXPECT_EQ(raw, Hex(reference.Transmit(FromHex(escape)))) << escape;
+        }
         EXPECT_EQ(encoder.CloseEncoder(), sceSuccess);
         EXPECT_EQ(encoder.EncoderState(), sceClosed);
     }
