@@ -14,6 +14,7 @@
 #include <array>
 #include <cstdlib>
 #include <fstream>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <random>
 #include <string>
@@ -90,12 +91,13 @@ TEST_F(EndToEnd, EachCardsIdentityAndRawAnswersComeThroughPcscd) {
     struct Row {
         std::string reader, kind, uid;
         sceCardTypes type;
-        std::string escape;  // a raw command the reader passes to the card
+        std::vector<std::string> escapes;  // raw commands the reader passes to the card
     };
     const Row rows[] = {
-        {setup_.mifareReader, "mifare1k", setup_.mifareUid, sceMifare1K, "FFCA000000"},
-        // A native DESFire frame of one byte, which vpcd must not take for a power message.
-        {setup_.desfireReader, "desfire", setup_.desfireUid, sceUnknownType, "60"},
+        {setup_.mifareReader, "mifare1k", setup_.mifareUid, sceMifare1K, {"FFCA000000"}},
+        // A native DESFire frame of one byte, which vpcd must not take for a power message,
+        // and its continuations, so that the card is left with no answer half given.
+        {setup_.desfireReader, "desfire", setup_.desfireUid, sceUnknownType, {"60", "AF", "AF"}},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.reader);
@@ -112,9 +114,11 @@ TEST_F(EndToEnd, EachCardsIdentityAndRawAnswersComeThroughPcscd) {
 
         sim::Reader reference("reference");
         reference.Insert(sim::MakeCard(row.kind, FromHex(row.uid)));
-        std::string raw;
-        ASSERT_EQ(encoder.Escape(row.escape, raw), sceSuccess) << Describe(encoder.LastError());
-        EXPECT_EQ(raw, Hex(reference.Transmit(FromHex(row.escape))));
+        for (const std::string& escape : row.escapes) {
+            std::string raw;
+            ASSERT_EQ(encoder.Escape(escape, raw), sceSuccess) << Describe(encoder.LastError());
+            EXPECT_EQ(raw, Hex(reference.Transmit(FromHex(escape)))) << escape;
+        }
         EXPECT_EQ(encoder.CloseEncoder(), sceSuccess);
         EXPECT_EQ(encoder.EncoderState(), sceClosed);
     }
@@ -159,8 +163,8 @@ TEST_F(EndToEnd, ADesfireCardIsSecuredAndGetsAnApplicationWithKeysOfItsOwn) {
     // taken in the cards' one.
     ASSERT_TRUE(ok(encoder.DESFireSelectApplication("A1B2C3", 0, factoryKey)));
     EXPECT_EQ(encoder.DESFireChangeKey(1, factoryKey, readKey), sceError);
-    EXPECT_EQ(Describe(encoder.LastError()), Record(ErrorNumber::OperationFailed, "DESFireChangeKey",
-                                                             "SCardTransmit:DesfireChangeKey", "7E"));
+    EXPECT_EQ(Describe(encoder.LastError()),
+              Record(ErrorNumber::OperationFailed, "DESFireChangeKey", "SCardTransmit:DesfireChangeKey", "7E"));
     encoder.Parameters("Conformance=card");
     ASSERT_TRUE(ok(encoder.DESFireSelectApplication("A1B2C3", 0, factoryKey)));
     ASSERT_TRUE(ok(encoder.DESFireChangeKey(1, factoryKey, readKey)));
@@ -331,6 +335,49 @@ TEST_F(EndToEnd, Twn4ListsTheSystemsReadersAndCallsMembersOnOne) {
     const auto open = nlohmann::json::parse(missing.output, nullptr, false);
     EXPECT_EQ(open.value("member", ""), "OpenEncoder") << missing.output;
     EXPECT_EQ(open["error"].value("RdrRetCode", ""), "The specified reader name is not recognized.") << missing.output;
+}
+
+TEST_F(EndToEnd, Twn4PersonalisesTheDesfireCardWithTheExampleScript) {
+    const std::string factoryKey = "0000000000000000";
+    const std::string piccKey = "4A1B7C3D5E6F708192A3B4C5D6E7F809";
+    // Whatever happens, the card goes back to its factory state for the other tests.
+    struct Restore {
+        const E2eSetup& setup;
+        std::string factoryKey, piccKey;
+        ~Restore() {
+            Encoder encoder(SystemPcsc());
+            encoder.Parameters("Device=" + setup.desfireReader);
+            encoder.OpenEncoder();
+            if (encoder.DESFireSelectRoot(piccKey) == sceSuccess) {
+                encoder.DESFireFormat();
+                encoder.DESFireChangeKey(0, piccKey, factoryKey);
+            } else if (encoder.DESFireSelectRoot(factoryKey) == sceSuccess) {
+                encoder.DESFireFormat();
+            }
+            EXPECT_EQ(encoder.DESFireSelectRoot(factoryKey), sceSuccess) << Describe(encoder.LastError());
+        }
+    } restore{setup_, factoryKey, piccKey};
+
+    const ToolRun run = RunTool(setup_.twn4, {"--reader", setup_.desfireReader, "--json", "--script",
+                                              std::string(EXAMPLES_DIR) + "/personalise-desfire.twn4"});
+    ASSERT_EQ(run.exitStatus, 0) << run.output;
+    std::map<std::string, std::vector<nlohmann::json>> outs;
+    for (const auto& line : Lines(run.output)) {
+        const auto parsed = nlohmann::json::parse(line, nullptr, false);
+        if (!parsed.is_object() || !parsed.contains("member")) continue;
+        EXPECT_EQ(parsed.value("result", -1), 0) << line;
+        outs[parsed["member"].get<std::string>()].push_back(parsed["out"]);
+    }
+    EXPECT_EQ(outs["ReadSerialNumber"].at(0).value("SerialNumber", ""), setup_.desfireUid);
+    const std::string holder = "Jane Doe / 12 Harbour Road / Springfield / member 0042 / valid to 2028-12-31 ###";
+    const auto& reads = outs["DESFireReadData"];
+    ASSERT_EQ(reads.size(), 6u) << run.output;
+    for (std::size_t file = 0; file < 3; ++file)
+        EXPECT_EQ(reads[file].value("DataString", ""), holder) << "file " << file + 1;
+    EXPECT_EQ(reads[5].value("DataString", ""), "Issued: Nov 2026");
+    ASSERT_EQ(outs["DESFireGetValue"].size(), 3u) << run.output;
+    EXPECT_EQ(outs["DESFireGetValue"][2].value("ValueData", -1), 120);
+    EXPECT_EQ(outs["DESFireReadRecords"].at(0).value("DataString", ""), "2026-11-20 gate12026-11-21 gate3");
 }
 
 }  // namespace
