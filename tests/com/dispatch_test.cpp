@@ -68,18 +68,7 @@ Variant SampleArgument(const ParamInfo& p) {
         if (p.type == ValueType::String && p.name == "Value") return std::string("Device=") + kReader;
         return it->second;
     }
-    switch (p.type) {
-        case ValueType::String:
-            return std::string();
-        case ValueType::Long:
-            return std::int32_t{0};
-        case ValueType::Byte:
-            return std::uint8_t{0};
-        case ValueType::Boolean:
-            return false;
-        default:
-            return {};
-    }
+    return DefaultOf(p.type);
 }
 
 bool HoldsDeclaredType(const Variant& v, ValueType type) {

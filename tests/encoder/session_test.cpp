@@ -17,6 +17,7 @@
 #include "encoder_test_util.h"
 #include "support/registry_dir.h"
 #include "support/scripted_pcsc.h"
+#include "support/trace_file.h"
 
 namespace elatectwn4::test {
 namespace {
@@ -40,36 +41,18 @@ std::string Text(std::uint32_t code) {
 }
 const std::string kGetUid = "Transmit card=0x2001 protocol=2 FF CA 00 00 00";
 
-// The trace sink decides where lines go once per process: the file is named
-// before main, hence before the first line reaches the sink, and goes when
-// the process ends.
-const std::filesystem::path& TraceFile() {
-    static const std::filesystem::path path =
-        std::filesystem::temp_directory_path() / ("encoder-trace-" + std::to_string(::getpid()) + ".log");
-    return path;
-}
-struct TraceRedirection {
-    TraceRedirection() { ::setenv("ELATECTWN4_TRACE", TraceFile().c_str(), 1); }
-    ~TraceRedirection() {
-        std::error_code ignored;
-        std::filesystem::remove(TraceFile(), ignored);
-    }
-} const kTraceRedirection;
-
 // The session's own trace lines; "Sending"/"Received" are the command layer's.
 std::vector<std::string> SessionLines() {
-    std::ifstream file(TraceFile());
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(file, line);) {
-        if (!line.starts_with("Sending ") && !line.starts_with("Received: ")) lines.push_back(line);
-    }
+    std::vector<std::string> lines = TraceLines();
+    std::erase_if(
+        lines, [](const std::string& line) { return line.starts_with("Sending ") || line.starts_with("Received: "); });
     return lines;
 }
 
 class Session : public ::testing::Test {
 public:
     void SetUp() override {
-        std::ofstream(TraceFile(), std::ios::trunc).flush();  // emptied in place: the sink appends
+        ClearTrace();
         fake = std::make_shared<ScriptedPcsc>();
         encoder = std::make_unique<Encoder>(fake);
         encoder->Parameters("Device=Reader A");
