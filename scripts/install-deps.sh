@@ -8,6 +8,7 @@ packages=(
   libpcsclite-dev pcscd vsmartcard-vpcd
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   libssl-dev nlohmann-json3-dev
+  clang libclang-rt-14-dev
 )
 
 missing=()

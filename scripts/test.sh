@@ -26,6 +26,8 @@ echo "== Tests (plain build)"
 ctest --test-dir build --output-on-failure -j2 "${filter[@]}" || status=1
 echo "== Tests (AddressSanitizer + UndefinedBehaviorSanitizer)"
 ctest --test-dir build-asan --output-on-failure -j2 "${filter[@]}" || status=1
+echo "== Fuzzing (libFuzzer, ${ELATECTWN4_FUZZ_SECONDS:-10} s per target)"
+scripts/fuzz.sh "${ELATECTWN4_FUZZ_SECONDS:-10}" || status=1
 echo "== Tests against code"
 scripts/test-share.sh
 exit $status
