@@ -33,8 +33,9 @@ inline std::string SessionRecord(const CError& e) {
 
 /// The record a failure leaves, in SessionRecord's form.
 inline std::string SessionRecord(ErrorNumber number, const std::string& comFunction, const std::string& rdrCommand,
-                                 const std::string& rdrRetCode) {
+                                 const std::string& rdrRetCode, std::uint32_t lastDllError = 0) {
     CError e;
+    e.LastDllError = static_cast<std::int32_t>(lastDllError);
     e.Number = ErrorValue(number);
     e.Description = std::string(ErrorDescription(number));
     e.ComFunction = comFunction;
