@@ -20,22 +20,14 @@ using namespace elatectwn4::e2e;
 
 const std::string kTransportKey = "FFFFFFFFFFFF";
 
-class Faults : public testing::Test {
+class Faults : public ServedCards {
 protected:
-    void SetUp() override {
-        ASSERT_TRUE(setup_.Complete()) << "run this program through run_e2e.sh, which starts pcscd and the bridges";
-        ASSERT_TRUE(WaitForCard(setup_.mifareReader, true)) << "no card in " << setup_.mifareReader;
-        ASSERT_TRUE(WaitForCard(setup_.desfireReader, true)) << "no card in " << setup_.desfireReader;
-    }
-
     Encoder& Opened(Encoder& e, const std::string& reader) {
         e.Parameters("Device=" + reader);
         EXPECT_EQ(e.OpenEncoder(), sceSuccess) << test::SessionRecord(e.LastError());
         EXPECT_EQ(e.LastError().Number, 0) << test::SessionRecord(e.LastError());
         return e;
     }
-
-    E2eSetup setup_;
 };
 
 TEST_F(Faults, TwoEncodersOnTwoReadersFromTwoThreadsKeepTheirOwnCardAndRecord) {
