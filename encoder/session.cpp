@@ -195,23 +195,33 @@ sceReturnCode Encoder::Impl::OpenComm(bool closeOnFailure) {
     command::ClearError(error, kName);
     IdentifyCardType("");
 
-    if (channel.context == 0) {
+    const auto establish = [&] {
         PcscHandle context = 0;
         const std::uint32_t code = pcsc->EstablishContext(pcsc_const::ScopeSystem, context);
         if (code != pcsc_code::Success) {
             CloseComm();
             command::Fail(error, ErrorNumber::CannotOpenContext, kName, "SCardEstablishContext",
                           command::PCSCErrorText(code), code);
-            return sceError;
+            return false;
         }
         channel.context = context;
-    }
+        return true;
+    };
+    const bool earlierContext = channel.context != 0;
+    if (!earlierContext && !establish()) return sceError;
 
     // Opening again while connected: the exclusive connection must be handed
     // back first, or the reader would refuse the new one as a sharing violation.
     if (channel.card != 0) DropCard();
 
-    const std::uint32_t code = Connect(deviceName);
+    std::uint32_t code = Connect(deviceName);
+    if (earlierContext && IsContextLostCode(code)) {
+        // The resource manager was restarted since the context was made and
+        // no longer knows it: the host opens again, so open on a new one.
+        CloseComm();
+        if (!establish()) return sceError;
+        code = Connect(deviceName);
+    }
     if (code == pcsc_code::Success) return AfterConnect(kName) ? sceSuccess : sceError;
 
     const std::string text = command::PCSCErrorText(code);

@@ -57,8 +57,7 @@ void Reader::Insert(std::shared_ptr<Card> card) {
 
 void Reader::Remove() {
     const std::lock_guard lock(mutex_);
-    card_.reset();
-    session_ = {};
+    LoseCard();
 }
 
 bool Reader::HasCard() const {
@@ -105,6 +104,11 @@ void Reader::SetReaderModeAtr(bool on) {
     readerModeAtr_ = on;
 }
 
+std::uint64_t Reader::ExchangeCount() const {
+    const std::lock_guard lock(mutex_);
+    return exchanges_;
+}
+
 std::optional<MifareKey> Reader::KeySlot(std::size_t slot) const {
     const std::lock_guard lock(mutex_);
     return slot < keySlots_.size() ? keySlots_[slot] : std::nullopt;
@@ -133,18 +137,34 @@ Reader::Delivery Reader::Exchange(const FieldSession* session, std::span<const s
             delivery = Delivery::CardGone;
         } else if (session && session->resets != session_.resets) {
             delivery = Delivery::CardReset;
-        } else if (faults_.dropConnection) {
-            faults_.dropConnection = false;
-            card_.reset();
-            session_ = {};
-            delivery = Delivery::CardGone;
         } else {
-            answer = Dispatch(apdu);
-            Distort(apdu, answer);
+            ++exchanges_;
+            const bool lostNow = faults_.cardLoss && faults_.cardLoss->exchange-- == 0;
+            const bool lostAfterAnswer = lostNow && faults_.cardLoss->afterAnswer;
+            if (lostNow) faults_.cardLoss.reset();
+            if (faults_.dropConnection || (lostNow && !lostAfterAnswer)) {
+                faults_.dropConnection = false;
+                LoseCard();
+                delivery = Delivery::CardGone;
+            } else {
+                answer = Dispatch(apdu);
+                Distort(apdu, answer);
+                if (lostAfterAnswer) {
+                    // The card did the work; its answer never reaches the host.
+                    answer.clear();
+                    LoseCard();
+                    delivery = Delivery::CardGone;
+                }
+            }
         }
     }
     if (delay.count() > 0) std::this_thread::sleep_for(delay);
     return delivery;
+}
+
+void Reader::LoseCard() noexcept {
+    card_.reset();
+    session_ = {};
 }
 
 void Reader::Distort(std::span<const std::uint8_t> apdu, std::vector<std::uint8_t>& answer) {

@@ -50,6 +50,15 @@ inline constexpr std::uint16_t WrongData = 0x6A80;
 inline constexpr std::uint16_t WrongLe = 0x6C00;  ///< + the right Le
 }  // namespace sw
 
+/// The card leaving the field in the middle of a host's work: at the
+/// exchange `exchange` from now (0 = the next one that reaches the card),
+/// either before the card sees it, or after the card has done what it asked
+/// and only the answer is lost. The transmission fails as if the card left.
+struct CardLoss {
+    std::uint64_t exchange = 0;
+    bool afterAnswer = false;
+};
+
 /// Misbehaviour to inject, for reliability tests. All off by default.
 struct Faults {
     bool garbageAnswers = false;         ///< every answer replaced by random bytes of the same length
@@ -61,6 +70,9 @@ struct Faults {
     /// code, sent natively or wrapped) inverted, as a bit error on the way
     /// would; answers without data pass unchanged.
     std::optional<std::uint8_t> corruptAnswersTo;
+    /// The card leaves once, as CardLoss says; the card stays out until it
+    /// is inserted again.
+    std::optional<CardLoss> cardLoss;
 };
 
 /// The answer a TWN4 gives in the mode that hides the card ("Cindy0" in its
@@ -115,6 +127,10 @@ public:
     /// the card's ATR.
     void SetReaderModeAtr(bool on);
 
+    /// How many exchanges have reached a card in this reader, for counting
+    /// the exchanges of a host's operation.
+    std::uint64_t ExchangeCount() const;
+
     /// The key held in a volatile slot, for inspection.
     std::optional<MifareKey> KeySlot(std::size_t slot) const;
 
@@ -131,6 +147,8 @@ private:
     std::uint16_t UpdateBinary(std::span<const std::uint8_t> apdu);
     std::vector<std::uint8_t> DesfireNative(std::span<const std::uint8_t> frame);
     std::vector<std::uint8_t> DesfireIso(std::span<const std::uint8_t> apdu);
+    /// The card leaves the field (already locked).
+    void LoseCard() noexcept;
     /// Applies the answer faults (already locked).
     void Distort(std::span<const std::uint8_t> apdu, std::vector<std::uint8_t>& answer);
 
@@ -139,6 +157,7 @@ private:
     std::shared_ptr<Card> card_;
     FieldSession session_;
     std::uint64_t insertions_ = 0;
+    std::uint64_t exchanges_ = 0;
     std::array<std::optional<MifareKey>, 32> keySlots_{};
     Faults faults_;
     bool readerModeAtr_ = false;

@@ -88,6 +88,11 @@ int main(int argc, char** argv) {
     HoldSignals(SIG_BLOCK);
     try {
         ReaderSlot slot(MakeCard(options.cardKind, options.uid), options.statePath, log);
+        if (options.answerDelay.count() > 0) {
+            Faults slow;
+            slow.delay = options.answerDelay;
+            slot.reader().SetFaults(slow);
+        }
         LinkSettings settings;
         settings.host = options.host;
         settings.port = options.port;

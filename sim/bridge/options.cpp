@@ -19,6 +19,14 @@ std::optional<std::uint16_t> ParsePort(std::string_view text) {
     return static_cast<std::uint16_t>(value);
 }
 
+// Whole milliseconds up to a minute.
+std::optional<std::chrono::milliseconds> ParseDelay(std::string_view text) {
+    unsigned value = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (error != std::errc{} || end != text.data() + text.size() || text.empty() || value > 60000) return std::nullopt;
+    return std::chrono::milliseconds(value);
+}
+
 // Accepts "04A1B2C3", "04 A1 B2 C3" and "04:a1:b2:c3".
 std::optional<std::vector<std::uint8_t>> ParseUid(std::string_view text) {
     std::string digits;
@@ -68,7 +76,7 @@ ParseResult ParseVcardOptions(const std::vector<std::string>& arguments) {
         } else if (name == "--removed") {
             problem = flag(options.startRemoved);
         } else if (name == "--port" || name == "--host" || name == "--card" || name == "--state" || name == "--uid" ||
-                   name == "--control") {
+                   name == "--control" || name == "--delay") {
             const auto text = value();
             if (!text) return name + " needs a value";
             if (name == "--port") {
@@ -86,6 +94,10 @@ ParseResult ParseVcardOptions(const std::vector<std::string>& arguments) {
             } else if (name == "--state") {
                 if (text->empty()) return "--state needs a file name";
                 options.statePath = *text;
+            } else if (name == "--delay") {
+                const auto delay = ParseDelay(*text);
+                if (!delay) return "--delay needs milliseconds from 0 to 60000, not \"" + *text + "\"";
+                options.answerDelay = *delay;
             } else if (name == "--uid") {
                 const auto uid = ParseUid(*text);
                 if (!uid) return "--uid needs an even number of hex digits, not \"" + *text + "\"";
@@ -109,7 +121,7 @@ ParseResult ParseVcardOptions(const std::vector<std::string>& arguments) {
 std::string VcardUsage(const std::string& program) {
     return "usage: " + program +
            " --port N --card desfire|mifare1k|mifare4k [--state FILE] [--uid HEX]\n"
-           "       [--control SOCKET] [--host ADDR] [--removed]\n"
+           "       [--control SOCKET] [--host ADDR] [--delay MS] [--removed]\n"
            "       " +
            program +
            " --list-readers\n"
@@ -119,6 +131,7 @@ std::string VcardUsage(const std::string& program) {
            "  --state FILE     load the card from FILE and keep it there after every change\n"
            "  --uid HEX        the card's UID when FILE does not exist yet\n"
            "  --control SOCKET a Unix socket accepting the lines remove, insert, status, quit\n"
+           "  --delay MS       wait MS milliseconds before every answer, as a reader's radio does\n"
            "  --removed        start with the card out of the field\n"
            "SIGUSR1 removes the card, SIGUSR2 puts it back.\n"
            "--list-readers prints the readers the PC/SC service knows, one per line.\n";

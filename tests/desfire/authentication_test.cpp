@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "apdu_fixture.h"
-#include "command/pcsc_error_text.h"
 #include "desfire/secure_messaging.h"
 
 namespace elatectwn4::desfire {
@@ -170,30 +169,8 @@ TEST_F(DesfireApdu, ARefusedAuthenticationReportsItsStepAndKeepsThePreviousSessi
     }
 }
 
-TEST_F(DesfireApdu, AReaderFailureKeepsTheCommandLayersRecordWithTheCallersInFront) {
-    const std::string removed = command::PCSCErrorText(pcsc_code::RemovedCard);
-    const auto failure = [&](const std::string& comFunction, const std::string& command) {
-        return test::RecordText(static_cast<std::uint32_t>(ErrorNumber::CommandFailed), "Encoder command failed", 0,
-                                comFunction, "SCardTransmit:" + command, removed);
-    };
-    const CardSide card{MakeKey("1122334455667788"), kRndB};
-
-    fake->Expect("5A000000").Fail(pcsc_code::RemovedCard);
-    EXPECT_EQ(DESFireSelectRoot(ctx, "1122334455667788"), sceError);
-    EXPECT_EQ(Record(), failure("DESFireSelectRoot:DESFireSelectApplication:EncoderCommand", "SelectApplication"));
-
-    fake->Expect("5A000000").Reply("00");
-    fake->Expect("0A00").Fail(pcsc_code::RemovedCard);
-    EXPECT_EQ(DESFireSelectApplication(ctx, "000000", 0, "1122334455667788"), sceError);
-    EXPECT_EQ(Record(), failure("DESFireSelectApplication:EncoderCommand", "DesfireAuthenticate"));
-
-    FixRndA(kRndA);
-    fake->Expect("5A000000").Reply("00");
-    fake->Expect("0A00").Reply("AF" + ToHex(card.Challenge()));
-    fake->Expect("AF" + ToHex(card.Token(kRndA))).Fail(pcsc_code::RemovedCard);
-    EXPECT_EQ(DESFireSelectApplication(ctx, "000000", 0, "1122334455667788"), sceError);
-    EXPECT_EQ(Record(), failure("DESFireSelectApplication:EncoderCommand", "DesfireAuthenticate"));
-
+// The card leaving at each exchange is the fault table's (tests/faults).
+TEST_F(DesfireApdu, ACommandLayerFailureKeepsItsRecordWithTheCallersInFront) {
     channel.card = 0;
     EXPECT_EQ(DESFireSelectRoot(ctx, "1122334455667788"), sceError);
     EXPECT_EQ(Record(), test::RecordText(static_cast<std::uint32_t>(ErrorNumber::NoCard), "No card in encoder", 0,

@@ -3,6 +3,8 @@
 // come or go, and running a tool with its output captured.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
@@ -41,13 +43,26 @@ struct E2eSetup {
     }
 };
 
-/// One line to a bridge's control socket ("remove", "insert", "status") and
-/// its one-line answer; a text in angle brackets when the socket is not there.
-std::string Control(const std::string& socketPath, const std::string& command);
-
 /// Waits until pcscd reports a card in `reader` (present) or none (!present).
 bool WaitForCard(const std::string& reader, bool present,
                  std::chrono::milliseconds patience = std::chrono::seconds(10));
+
+/// The tests of a program run_e2e.sh runs: what the script set up, both cards
+/// in their readers before each test.
+class ServedCards : public testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(setup_.Complete()) << "run this program through run_e2e.sh, which starts pcscd and the bridges";
+        ASSERT_TRUE(WaitForCard(setup_.mifareReader, true)) << "no card in " << setup_.mifareReader;
+        ASSERT_TRUE(WaitForCard(setup_.desfireReader, true)) << "no card in " << setup_.desfireReader;
+    }
+
+    E2eSetup setup_;
+};
+
+/// One line to a bridge's control socket ("remove", "insert", "status") and
+/// its one-line answer; a text in angle brackets when the socket is not there.
+std::string Control(const std::string& socketPath, const std::string& command);
 
 struct ToolRun {
     int exitStatus = -1;  ///< -1 when the program could not be run or was killed

@@ -76,16 +76,7 @@ std::string AccessBytes(std::array<int, 4> conditions) {
                 static_cast<std::uint8_t>((~c3 & 0xF) | (c1 << 4)), static_cast<std::uint8_t>(c2 | (c3 << 4))});
 }
 
-class EndToEnd : public testing::Test {
-protected:
-    void SetUp() override {
-        ASSERT_TRUE(setup_.Complete()) << "run this program through run_e2e.sh, which starts pcscd and the bridges";
-        ASSERT_TRUE(WaitForCard(setup_.mifareReader, true)) << "no card in " << setup_.mifareReader;
-        ASSERT_TRUE(WaitForCard(setup_.desfireReader, true)) << "no card in " << setup_.desfireReader;
-    }
-
-    E2eSetup setup_;
-};
+class EndToEnd : public ServedCards {};
 
 TEST_F(EndToEnd, EachCardsIdentityAndRawAnswersComeThroughPcscd) {
     struct Row {

@@ -101,6 +101,9 @@ export E2E_DESFIRE_UID=$desfire_uid
 export E2E_MIFARE_UID=$mifare_uid
 export E2E_MIFARE_CONTROL="$work/mifare.sock"
 export E2E_MIFARE_STATE="$work/mifare.json"
+# For a program that restarts pcscd (through these scripts, by the PID they keep).
+export E2E_SCRIPTS="$scripts"
+export E2E_VCARD="$vcard"
 result=0
 # An entry PROGRAM::FILTER runs only the GoogleTest cases FILTER names.
 for entry in "$program" "$@"; do

@@ -114,8 +114,9 @@ TEST(VpcdMessage, EachMessageReachesTheRightPartOfTheCard) {
 }
 
 TEST(VcardOptions, ValidCommandLinesAreUnderstood) {
-    const auto parsed = ParseVcardOptions({"--port", "35964", "--card=mifare1k", "--state", "/tmp/card.json", "--uid",
-                                           "04:a1:B2 c3", "--control", "/tmp/ctl", "--removed", "--host=localhost"});
+    const auto parsed =
+        ParseVcardOptions({"--port", "35964", "--card=mifare1k", "--state", "/tmp/card.json", "--uid", "04:a1:B2 c3",
+                           "--control", "/tmp/ctl", "--removed", "--host=localhost", "--delay=3"});
     ASSERT_TRUE(std::holds_alternative<VcardOptions>(parsed)) << std::get<std::string>(parsed);
     const auto& options = std::get<VcardOptions>(parsed);
     EXPECT_EQ(options.port, 35964);
@@ -125,6 +126,7 @@ TEST(VcardOptions, ValidCommandLinesAreUnderstood) {
     EXPECT_EQ(options.controlPath, "/tmp/ctl");
     EXPECT_TRUE(options.startRemoved);
     EXPECT_EQ(options.host, "localhost");
+    EXPECT_EQ(options.answerDelay, std::chrono::milliseconds(3));
     EXPECT_FALSE(options.listReaders);
 
     const auto listing = ParseVcardOptions({"--list-readers"});
@@ -150,6 +152,8 @@ TEST(VcardOptions, EveryMalformedCommandLineIsRefusedWithItsReason) {
         {{"--port", "35963", "--card", "desfire", "--uid", ""}, "--uid needs"},
         {{"--port", "35963", "--card"}, "--card needs a value"},
         {{"--port", "35963", "--card", "desfire", "--state", ""}, "--state needs"},
+        {{"--port", "35963", "--card", "desfire", "--delay", "-1"}, "--delay needs"},
+        {{"--port", "35963", "--card", "desfire", "--delay", "60001"}, "--delay needs"},
         {{"--port", "35963", "--card", "desfire", "--removed=yes"}, "--removed takes no value"},
         {{"--port", "35963", "--card", "desfire", "--verbose"}, "unknown argument \"--verbose\""},
     };

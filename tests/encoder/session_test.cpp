@@ -169,6 +169,18 @@ TEST_F(Session, OpeningTwiceHandsTheFirstConnectionBack) {
     EXPECT_THAT(Since(), ElementsAre(kDisconnect, ConnectTo("Reader A"), kAtrAttrib));
 }
 
+// A restarted resource manager no longer knows the context of the first
+// open; opening again is what a host does then, and it must work at once.
+TEST_F(Session, OpeningAgainAfterTheResourceManagerRestartedTakesANewContext) {
+    OpenWithCard();
+    fake->WillConnect(kNoService);
+    EXPECT_EQ(encoder->OpenEncoder(), sceSuccess);
+    EXPECT_EQ(Of(encoder->LastError()), Cleared("OpenEncoder"));
+    EXPECT_THAT(Since(), ElementsAre(kDisconnect, ConnectTo("Reader A"), kRelease, kEstablish, ConnectTo("Reader A"),
+                                     kAtrAttrib));
+    EXPECT_EQ(encoder->EncoderState(), sceReady);
+}
+
 TEST_F(Session, ParametersOnAnOpenEncoderKeepTheSession) {
     OpenWithCard();
     encoder->Parameters("Device=Reader B;Conformance=card");

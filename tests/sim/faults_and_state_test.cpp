@@ -102,6 +102,33 @@ TEST(Faults, ACorruptedCommandLosesTheLastByteOfItsAnswersDataAndNothingElse) {
     EXPECT_EQ(Answer(reader, "FF CA 00 00 07"), "045A3B2C1D0E809000");
 }
 
+TEST(Faults, ACardLostBeforeAnExchangeNeverSeesItAndOneLostAfterItDidTheWork) {
+    for (const bool afterAnswer : {false, true}) {
+        SCOPED_TRACE(afterAnswer ? "after" : "before");
+        auto card = std::make_shared<MifareClassicCard>(false, B("CF1E2D3C"));
+        Reader reader{"test"};
+        reader.Insert(card);
+        ASSERT_EQ(Open(reader, 4, 'A', "FFFFFFFFFFFF"), "9000");
+        const std::uint64_t before = reader.ExchangeCount();
+        Faults loss;
+        loss.cardLoss = CardLoss{1, afterAnswer};
+        reader.SetFaults(loss);
+        EXPECT_EQ(Answer(reader, "FF CA 00 00 00"), "CF1E2D3C9000") << "exchange 0 is not the one";
+        const FieldSession session = reader.CurrentSession();
+        Bytes answer{0x55};
+        EXPECT_EQ(reader.TransmitIn(session, B(Write(4, "0123456789ABCDEF0123456789ABCDEF")), answer),
+                  Reader::Delivery::CardGone);
+        EXPECT_TRUE(answer.empty());
+        EXPECT_FALSE(reader.HasCard());
+        EXPECT_EQ(H(card->RawBlock(4)), afterAnswer ? "0123456789ABCDEF0123456789ABCDEF" : std::string(32, '0'));
+        EXPECT_EQ(reader.ExchangeCount(), before + 2);
+
+        reader.Insert(card);  // one shot: back in the field, the card answers again
+        EXPECT_EQ(Answer(reader, "FF CA 00 00 00"), "CF1E2D3C9000");
+        EXPECT_EQ(reader.ExchangeCount(), before + 3);
+    }
+}
+
 // Sector 1 with its own keys and data, as a test personalises it.
 void Personalise(Reader& reader) {
     ASSERT_EQ(Open(reader, 4, 'A', "FFFFFFFFFFFF"), "9000");
