@@ -74,16 +74,3 @@ TEST(LegacyCipher, RefusesInputThatIsNotWholeBlocks) {
     EXPECT_THROW(cipher.Encipher(Bytes(7)), std::invalid_argument);
     EXPECT_THROW(cipher.UndoSendMode(Bytes(9)), std::invalid_argument);
 }
-
-TEST(KeyVersion, IsReadFromTheParityBitsOfTheFirstHalf) {
-    struct Case {
-        const char* key;
-        std::uint8_t version;
-    } const cases[] = {
-        {"00000000000000000000000000000000", 0x00}, {"01000000000000000000000000000000", 0x80},
-        {"00000000000000010000000000000000", 0x01}, {"0101010101010101FEFEFEFEFEFEFEFE", 0xFF},
-        {"1122334455667788FFFFFFFFFFFFFFFF", 0xAA},  // only the first half counts
-    };
-    for (const auto& c : cases)
-        EXPECT_EQ(card::KeyVersion(MakeKey(c.key)), c.version) << c.key;
-}
