@@ -44,41 +44,45 @@ TEST(DesKnownAnswers, EverySingleBlockVectorEnciphersAndDeciphers) {
     }
 }
 
-constexpr const char* kFips81Plain =
-    "4E6F7720 69732074 68652074 696D6520 666F7220 616C6C20";  // "Now is the time for all "
-
-TEST(DesKnownAnswers, Fips81CipherBlockChainingExampleBothWays) {
-    DES des;
-    des.Keys(1, "0123456789abcdef");
-    des.InitVector("1234567890abcdef");
-    const Value cipher("E5C7CDDE872BF27C43E934008C389C0F683788499A7C05F6");
-    EXPECT_EQ(des.Encrypt("4E6F77206973207468652074696D6520666F7220616C6C20", DES::kCbc), cipher);
-    // Decrypt 0x1000 is the ordinary CBC deciphering (DESFire receive mode).
-    EXPECT_EQ(des.Decrypt(cipher, DES::kCbc), Value("4E6F77206973207468652074696D6520666F7220616C6C20"));
-}
-
-TEST(DesKnownAnswers, Sp80067TripleDesExampleWithThreeKeys) {
-    DES des;
-    des.Keys(1, "0123456789ABCDEF");
-    des.Keys(2, "23456789ABCDEF01");
-    des.Keys(3, "456789ABCDEF0123");
-    const Value plain("54686520717566636B2062726F776E20666F78206A756D70");  // "The qufck brown fox jump"
-    const Value cipher("A826FD8CE53B855FCCE21C8112256FE668D5C05DD9B6B900");
-    EXPECT_EQ(des.Encrypt(plain, DES::kTripleDes | DES::kEcb), cipher);
-    EXPECT_EQ(des.Decrypt(cipher, DES::kTripleDes | DES::kEcb), plain);
-}
-
-TEST(DesKnownAnswers, Fips81ExampleWithMethodTwoPaddingAddsOneEncipheredBlock) {
-    // The message fills three blocks exactly, so padding adds a whole block
-    // 80 00 .. 00; ECB enciphers it on its own, which OpenSSL confirms:
-    // des-ecb of 8000000000000000 under 0123456789ABCDEF.
-    DES des;
-    des.Keys(1, "0123456789ABCDEF");
-    const Value cipher = des.Encrypt(kFips81Plain, DES::kPadIso9797Method2);
-    EXPECT_EQ(cipher, Value("3F A4 0E 8A 98 4D 48 15 6A 27 17 87 AB 88 83 F9 89 3D 51 EC 4B 56 3B 53 "
-                            "CA EE 53 4C 52 3E 1E 79"));
-    EXPECT_EQ(des.Decrypt(cipher, DES::kPadIso9797Method2),
-              Value("4E 6F 77 20 69 73 20 74 68 65 20 74 69 6D 65 20 66 6F 72 20 61 6C 6C 20"));
+TEST(DesKnownAnswers, MultiBlockExamplesBothWays) {
+    struct Case {
+        const char* what;
+        const char* keys[3];
+        const char* vector;
+        std::int32_t options;
+        const char* plain;
+        const char* cipher;
+    } const cases[] = {
+        {"FIPS 81 CBC",
+         {"0123456789abcdef", "", ""},
+         "1234567890abcdef",
+         DES::kCbc,
+         "4E6F77206973207468652074696D6520666F7220616C6C20",
+         "E5C7CDDE872BF27C43E934008C389C0F683788499A7C05F6"},
+        {"SP 800-67 three keys",
+         {"0123456789ABCDEF", "23456789ABCDEF01", "456789ABCDEF0123"},
+         "",
+         DES::kTripleDes | DES::kEcb,
+         "54686520717566636B2062726F776E20666F78206A756D70",
+         "A826FD8CE53B855FCCE21C8112256FE668D5C05DD9B6B900"},
+        // Three whole blocks: the padding adds a block 80 00 .. 00, which
+        // enciphered alone gives 893D51EC4B563B53 CAEE534C523E1E79 (as OpenSSL has it).
+        {"FIPS 81 ECB with method 2 padding",
+         {"0123456789ABCDEF", "", ""},
+         "",
+         DES::kPadIso9797Method2,
+         "4E6F77206973207468652074696D6520666F7220616C6C20",
+         "3FA40E8A984D48156A271787AB8883F9893D51EC4B563B53CAEE534C523E1E79"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        DES des;
+        for (int i = 0; i < 3; ++i)
+            if (*c.keys[i]) des.Keys(i + 1, c.keys[i]);
+        if (*c.vector) des.InitVector(c.vector);
+        EXPECT_EQ(des.Encrypt(c.plain, c.options), Value(c.cipher));
+        EXPECT_EQ(des.Decrypt(c.cipher, c.options), Value(c.plain));
+    }
 }
 
 TEST(DesPadding, DecipheringTakesOffAMarkerInTheLastBlockOnly) {

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <openssl/des.h>
 
-#include <algorithm>
 #include <array>
 #include <random>
 
@@ -156,49 +155,6 @@ INSTANTIATE_TEST_SUITE_P(Algorithms, DesAgainstOpenSsl, ::testing::ValuesIn(kSet
     if (info.param.algorithm == DES::kSingleDes) return std::string("SingleDes");
     return std::string(info.param.thirdKeyIsFirst ? "TwoKeyTripleDes" : "ThreeKeyTripleDes");
 });
-
-// The legacy DESFire authentication as the component runs it, in text forms,
-// against a card computed with OpenSSL: the card enciphers RndB, the host
-// answers in send mode, the card takes that back by enciphering (x_i =
-// E(y_i) ^ y_i-1) and proves RndA' back.
-TEST(DesfireAuthentication, HostSideAgreesWithACardComputedByOpenSsl) {
-    const auto rotated = [](Bytes b) {
-        std::rotate(b.begin(), b.begin() + 1, b.end());
-        return b;
-    };
-    const auto asAnswer = [](const Bytes& b) { return Value(std::string(b.begin(), b.end())); };
-    std::mt19937 random(2024);
-    for (int round = 0; round < 50; ++round) {
-        const std::int32_t algorithm = round % 2;  // single DES, then two-key Triple-DES
-        const Bytes k1 = RandomBytes(random, 8);
-        const Bytes k2 = algorithm == DES::kTripleDes ? RandomBytes(random, 8) : k1;
-        Reference card(true, {k1, k2, k1});
-        const Bytes zero(8, 0), rndA = RandomBytes(random, 8), rndB = RandomBytes(random, 8);
-
-        DES des;
-        des.InitVector("00 00 00 00 00 00 00 00");
-        des.Keys(1, DES::ConvertData(ToHex(k1), 256));
-        des.Keys(2, DES::ConvertData(ToHex(k2), 256));
-        des.Keys(3, DES::ConvertData(ToHex(k1), 256));
-        const Value challenge = DES::ConvertData(asAnswer(card.Cbc(rndB, zero, DES_ENCRYPT)), 1536);
-        ASSERT_EQ(des.Decrypt(challenge, algorithm | 0x1000), Value(ToHex(rndB, true)));
-
-        Bytes token = rndA;
-        const Bytes rotatedB = rotated(rndB);
-        token.insert(token.end(), rotatedB.begin(), rotatedB.end());
-        const Bytes sent = FromHex(des.Decrypt(DES::ConvertData(ToHex(token), 256), algorithm | 0x2000).Text());
-        ASSERT_EQ(sent.size(), 16u);
-        Bytes received(16);
-        card.Block(&sent[0], &received[0], DES_ENCRYPT);
-        card.Block(&sent[8], &received[8], DES_ENCRYPT);
-        for (int j = 0; j < 8; ++j)
-            received[8 + j] ^= sent[j];
-        EXPECT_EQ(received, token);
-
-        const Value proof = DES::ConvertData(asAnswer(card.Cbc(rotated(rndA), zero, DES_ENCRYPT)), 1536);
-        EXPECT_EQ(des.Decrypt(proof, algorithm | 0x1000), Value(ToHex(rotated(rndA), true)));
-    }
-}
 
 }  // namespace
 }  // namespace elatectwn4::cipher

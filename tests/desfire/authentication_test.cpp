@@ -177,16 +177,6 @@ TEST_F(DesfireApdu, ACommandLayerFailureKeepsItsRecordWithTheCallersInFront) {
                                          "DESFireSelectRoot:DESFireSelectApplication:EncoderCommand", "", ""));
 }
 
-TEST_F(DesfireApdu, SelectRootNamesItselfInFrontOfARefusal) {
-    const CardSide card{MakeKey("1122334455667788"), kRndB};
-    fake->Expect("5A000000").Reply("00");
-    fake->Expect("0A00").Reply("AF" + ToHex(card.Challenge()));
-    fake->Expect("AF" + std::string(32, '?')).Reply("AE");
-    EXPECT_EQ(DESFireSelectRoot(ctx, "0000000000000000"), sceError);
-    EXPECT_EQ(Record(), Line(ErrorNumber::AuthenticationFailure, "DESFireSelectRoot:DESFireSelectApplication",
-                             "DesfireAuthenticate3", "AE"));
-}
-
 TEST_F(DesfireApdu, EncipheredFramesChainEveryPaddedPieceFromTheZeroVector) {
     const auto crc = [](const Bytes& data) {
         const std::uint16_t c = desfire_test::CrcA(data);

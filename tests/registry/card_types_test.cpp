@@ -133,6 +133,10 @@ INSTANTIATE_TEST_SUITE_P(
                      std::nullopt, false},
         IdentifyCase{"an empty ATR stops before the table", kAddNew + "\"Any\"=\"31;;7\"\r\n\"All\"=\"31; ;7\"\r\n",
                      "   ", "", 1, std::nullopt, false},
+        // An administrator named a recorded ATR but left the record in place.
+        IdentifyCase{"a named type wins over an earlier record of the same ATR",
+                     kAddNew + "\"Unknown (2023-01-02 03:04:05)\"=\"3B8180\"\r\n\"DESFire\"=\"31;3B8180;7\"\r\n",
+                     "3B8180", "3B8180", 0x31, 7, false},
         IdentifyCase{"no table at all", std::nullopt, "3B8180", "3B8180", 1, std::nullopt, false}));
 
 TEST(IdentifyRecording, TheNameCarriesTheLocalTimeOfRecording) {
@@ -169,16 +173,6 @@ TEST(IdentifyRecording, TwoNewAtrsInOneSecondAreBothKept) {
     EXPECT_NE(added[0].first, added[1].first);
     EXPECT_EQ(added[0].second, "3B 01");
     EXPECT_EQ(added[1].second, "3B 02");
-}
-
-TEST(IdentifyRecording, ANamedTypeWinsOverAnEarlierRecordOfTheSameAtr) {
-    // An administrator named a recorded ATR but left the record in place.
-    RegistryDir store;
-    store.Put(
-        CardTypesFile(kAddNew + "\"Unknown (2023-01-02 03:04:05)\"=\"3B8180\"\r\n\"DESFire\"=\"31;3B8180;7\"\r\n"));
-    const auto identity = IdentifyCardType("3B8180");
-    EXPECT_EQ(identity.cardType, 0x31);
-    EXPECT_EQ(identity.serialLength, 7);
 }
 
 }  // namespace

@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <deque>
+#include <functional>
+#include <vector>
 
 #include "host.h"
 #include "sim/desfire/desfire_sim.h"
@@ -42,6 +44,65 @@ protected:
     /// kAppMasterKey, key 1 kReadKey, key 2 kWriteKey (when present). Leaves a
     /// session with key 0 of the application.
     void CreateApplication(std::uint8_t settings = 0x0F, std::uint8_t keyCount = 3);
+
+    /// One step of a conversation: what it does (run when its turn comes, so
+    /// that it sees the session the steps before left) and the status it must get.
+    struct Step {
+        std::string what;
+        std::function<std::uint8_t()> act;
+        std::uint8_t status;
+    };
+    Step Send(Bytes frame, std::uint8_t status, std::string what = {}) {
+        if (what.empty()) what = ToHex(frame);
+        return {what, [this, frame] { return host_.Send(frame).status; }, status};
+    }
+    /// `head` followed by WithCrc(data) enciphered under the session of the moment.
+    Step Sealed(Bytes head, Bytes data, std::uint8_t status, std::string what = {}) {
+        if (what.empty()) what = ToHex(head) + " sealed " + ToHex(data);
+        return {what, [this, head, data] { return host_.Send(Concat({head, host_.Encipher(data)})).status; }, status};
+    }
+    /// A frame built when the step runs, from the session of the moment.
+    Step Built(std::string what, std::function<Bytes()> frame, std::uint8_t status) {
+        return {what, [this, frame] { return host_.Send(frame()).status; }, status};
+    }
+    /// A command whose answer, continuations included, must be `hex`.
+    Step Reads(Bytes frame, std::string hex) {
+        return {"read " + ToHex(frame),
+                [this, frame, hex] {
+                    const Answer answer = host_.Exchange(frame);
+                    EXPECT_EQ(ToHex(answer.data), ToHex(Hex(hex))) << ToHex(frame);
+                    return answer.status;
+                },
+                0x00};
+    }
+    Step PowerOn() {
+        return {"power on",
+                [this] {
+                    card_.PowerOn();
+                    return std::uint8_t{0x00};
+                },
+                0x00};
+    }
+    /// `steps` with `first` in front of each: the card ends its session on every refusal.
+    static std::vector<Step> EachAfter(const Step& first, const std::vector<Step>& steps) {
+        std::vector<Step> out;
+        for (const Step& step : steps) {
+            out.push_back(first);
+            out.push_back(step);
+        }
+        return out;
+    }
+    Step Auth(std::uint8_t keyNumber, const Key& key, std::uint8_t status = 0x00) {
+        return {"authenticate with key " + std::to_string(keyNumber),
+                [this, keyNumber, key] { return host_.Authenticate(keyNumber, key); }, status};
+    }
+    Step Select(Bytes aid, std::uint8_t status = 0x00) {
+        return {"select " + ToHex(aid), [this, aid] { return host_.Select(aid); }, status};
+    }
+    void Run(const std::vector<Step>& steps) {
+        for (std::size_t i = 0; i < steps.size(); ++i)
+            EXPECT_EQ(Is(steps[i].act()), Is(steps[i].status)) << "step " << i << ": " << steps[i].what;
+    }
 
     ScriptedRandom random_;
     elatectwn4::sim::desfire::DesfireCard card_;

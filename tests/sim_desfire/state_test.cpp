@@ -23,6 +23,13 @@ TEST(DesfireCardFactory, MakesAFactoryFreshCardWithASevenByteUid) {
     Host host(*chosen);
     EXPECT_EQ(ToHex(host.Send(Bytes{0x45}).data), "0F01");
     EXPECT_EQ(host.Send(Bytes{0x6A}).data.size(), 0u);
+    // An EV1 of 4 KB: hardware and software versions, then the UID leading the production data.
+    const Answer version = host.Exchange(Bytes{0x60});
+    ASSERT_EQ(version.data.size(), 28u);
+    EXPECT_EQ(ToHex(ByteSpan(version.data).first(21)),
+              "04010101001805"
+              "04010101041805"
+              "04112233445566");
     EXPECT_EQ(StatusName(host.Authenticate(0, kZeroKey)), StatusName(0x00));
     elatectwn4::sim::Block block{};
     EXPECT_EQ(chosen->MifareRead(4, block), elatectwn4::sim::sw::FunctionNotSupported) << "not a MIFARE Classic card";

@@ -70,7 +70,6 @@ public:
         return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
     }
     void WriteCardTypes(const std::string& valueLines) const { Put(CardTypesFile(valueLines)); }
-    std::string MachineStore() const { return Contents(); }
 
     /// Files in the directory that are neither a root's file nor its lock.
     std::size_t StrayFiles() const {
@@ -85,13 +84,5 @@ public:
 private:
     std::filesystem::path path_;
 };
-
-/// How often `needle` occurs in `haystack`.
-inline std::size_t Occurrences(const std::string& haystack, const std::string& needle) {
-    std::size_t count = 0;
-    for (auto at = haystack.find(needle); at != std::string::npos; at = haystack.find(needle, at + 1))
-        ++count;
-    return count;
-}
 
 }  // namespace elatectwn4::test

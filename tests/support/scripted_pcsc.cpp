@@ -91,13 +91,6 @@ ScriptedPcsc::Exchange& ScriptedPcsc::Exchange::Reply(std::string_view hex) {
 
 ScriptedPcsc::Exchange& ScriptedPcsc::Exchange::Reply(std::vector<std::uint8_t> answer) {
     answer_ = std::move(answer);
-    responder_ = nullptr;
-    code_ = 0;
-    return *this;
-}
-
-ScriptedPcsc::Exchange& ScriptedPcsc::Exchange::ReplyWith(Responder responder) {
-    responder_ = std::move(responder);
     code_ = 0;
     return *this;
 }
@@ -293,8 +286,7 @@ std::uint32_t ScriptedPcsc::Transmit(PcscHandle card, std::uint32_t protocol, st
         std::equal(command.begin(), command.end(), exchange.pattern_.begin(),
                    [](std::uint8_t byte, const std::optional<std::uint8_t>& want) { return !want || *want == byte; });
     const std::uint32_t code = exchange.code_;
-    const std::vector<std::uint8_t> reply =
-        exchange.responder_ && code == 0 ? exchange.responder_(command) : exchange.answer_;
+    const std::vector<std::uint8_t> reply = exchange.answer_;
     const auto reported = exchange.reportedLength_;
     if (!matches) {
         ADD_FAILURE() << "transmission #" << number << " differs from the script:\n  expected " << exchange.patternText_

@@ -20,7 +20,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
-#include <functional>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -46,17 +45,12 @@ std::string DescribeAnswer(std::span<const std::uint8_t> answer);
 
 class ScriptedPcsc : public PcscApi {
 public:
-    using Responder = std::function<std::vector<std::uint8_t>(std::span<const std::uint8_t> sent)>;
-
     /// One expected transmission and what the "card" does about it.
     class Exchange {
     public:
         /// The answer (data then status word), as hex text.
         Exchange& Reply(std::string_view hex);
         Exchange& Reply(std::vector<std::uint8_t> answer);
-        /// The answer is computed from the bytes actually sent. The responder
-        /// runs while the fake is locked: it must not call the fake.
-        Exchange& ReplyWith(Responder responder);
         /// The transmission fails with a PC/SC code; nothing is received.
         Exchange& Fail(std::uint32_t code);
         /// Reports `length` received bytes whatever the buffer holds (only
@@ -71,7 +65,6 @@ public:
         std::vector<std::optional<std::uint8_t>> pattern_;  // nullopt = "??", any byte
         std::string patternText_;
         std::vector<std::uint8_t> answer_;
-        Responder responder_;
         std::uint32_t code_ = 0;
         std::optional<std::size_t> reportedLength_;
         std::size_t remaining_ = 1;
