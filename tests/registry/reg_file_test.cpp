@@ -292,7 +292,8 @@ TEST(KeyPath, SplitsIntoComponentsAndRefusesEmptyOnes) {
     EXPECT_EQ(SplitKeyPath("Software\\A b\\C"), (Components{"Software", "A b", "C"}));
     EXPECT_EQ(SplitKeyPath("Software\\"), Components{"Software"});
     EXPECT_EQ(SplitKeyPath(std::string(255, 'k')), Components{std::string(255, 'k')});
-    for (const auto* bad : {"\\Software", "Software\\\\A", "Software\\\\", "A\\\\"}) {
+    using namespace std::string_literals;
+    for (const auto& bad : {"\\Software"s, "Software\\\\A"s, "Software\\\\"s, "A\\\\"s, "A\\B\nC"s, "A\rB"s, "A\0B"s}) {
         EXPECT_FALSE(SplitKeyPath(bad).has_value()) << bad;
     }
     EXPECT_FALSE(SplitKeyPath("A\\" + std::string(256, 'k')).has_value());
