@@ -267,11 +267,11 @@ TEST(Twn4, JsonShowsTextThatIsNotUtf8AndTheCardKeepsItsChanges) {
     const std::string state = dir / "card.json";
     const auto o = Twn4("--json --simulate mifare1k:" + state + " --script -",
                         "WriteDataBloc 4 FFFFFFFFFFFF 0 00112233445566778899AABBCCDDEEFF\n"
-                        "Parameters \"Note=\xFF\xFE\"\nParameters\n");
+                        "Parameters \"Device=\xFF\xFE\"\nParameters\n");
     EXPECT_EQ(o.status, 0) << o.out << o.err;
     const auto lines = JsonLines(o.out);
     ASSERT_EQ(lines.size(), 3u) << o.out;
-    EXPECT_NE(lines[2]["value"].get<std::string>().find("Note=\xEF\xBF\xBD\xEF\xBF\xBD"), std::string::npos)
+    EXPECT_NE(lines[2]["value"].get<std::string>().find("Device=\xEF\xBF\xBD\xEF\xBF\xBD"), std::string::npos)
         << lines[2];
     const auto read = Twn4("--json --simulate mifare1k:" + state + " ReadDataBloc 4 FFFFFFFFFFFF 0");
     EXPECT_EQ(JsonLines(read.out).at(0)["out"]["BlocContents"], "00112233445566778899AABBCCDDEEFF");
