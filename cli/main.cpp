@@ -99,14 +99,22 @@ OUTPUT
 EXIT STATUS
     0   every call returned sceSuccess
     1   a call returned sceError (the calls after it still run unless
-        --stop-on-error), or the encoder could not be opened
+        --stop-on-error), or the encoder could not be opened, or the run
+        stopped for another reason (the message says which); the changes
+        made before are kept in the state file
     2   usage error: unknown member, missing or surplus argument, text where
         a number is expected, a number out of range, a script line that does
         not parse; nothing was sent to the card
+    Names and arguments quoted in messages are cut after 40 bytes.
+
+FILES
+    The state file of --simulate and the trace file are created readable
+    and writable by their owner only (mode 0600): they hold keys.
 
 ENVIRONMENT
     ELATECTWN4_TRACE         file (or "stderr") that receives the exchange
-                             trace; keys are masked
+                             trace; keys are masked, also in raw commands
+                             given to Escape
     ELATECTWN4_REGISTRY_DIR  directory of the card-type registry files
 
 EXAMPLES
@@ -155,7 +163,7 @@ Options ParseOptions(int argc, char** argv) {
         } else if (arg == "--no-open") {
             o.open = false;
         } else if (arg.starts_with("--") && arg != "--") {
-            throw UsageError("unknown option " + arg + " (see twn4 --help)");
+            throw UsageError("unknown option " + Abbreviated(arg) + " (see twn4 --help)");
         } else {
             break;
         }
@@ -237,6 +245,12 @@ nlohmann::json JsonValue(const Variant& value) {
         value);
 }
 
+// Texts a card or a script hands back need not be UTF-8, which JSON requires:
+// a byte that is not is shown as U+FFFD rather than ending the run.
+std::string Dump(const nlohmann::json& value) {
+    return value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
 class Reporter {
 public:
     Reporter(bool json, Encoder& encoder) : json_(json), encoder_(encoder) {}
@@ -268,7 +282,7 @@ public:
             if (result.object != nullptr) out = ErrorJson(*result.object);
             line["out"] = out;
             line["error"] = ErrorJson(e);
-            std::cout << line.dump() << std::endl;
+            std::cout << Dump(line) << std::endl;
         } else {
             if (hasCode || m.result == ValueType::Void || m.result == ValueType::Object) {
                 std::cout << m.name << ": " << ResultName(code) << '\n';
@@ -293,7 +307,7 @@ public:
                                 {"resultName", "sceError"},
                                 {"out", nlohmann::json::object()},
                                 {"error", ErrorJson(e)}};
-            std::cout << line.dump() << std::endl;
+            std::cout << Dump(line) << std::endl;
         } else {
             std::cout << "OpenEncoder: sceError\n";
             PrintError(e, "    error: ");
@@ -375,7 +389,7 @@ int ListReaders(const Options& o) {
         return kExitFailure;
     }
     if (o.json) {
-        std::cout << nlohmann::json(readers).dump() << '\n';
+        std::cout << Dump(nlohmann::json(readers)) << '\n';
     } else {
         for (const auto& r : readers)
             std::cout << r << '\n';
@@ -384,13 +398,17 @@ int ListReaders(const Options& o) {
 }
 
 int ListMembers(const Options& o) {
+    if (o.words.size() > 2) throw UsageError("members takes at most one member name");
     const std::string only = o.words.size() > 1 ? o.words[1] : std::string();
+    bool listed = false;
     for (const auto& m : Members()) {
         if (m.interfaceName != "_Encoder") continue;
         if (!only.empty() && !cli::SameName(m.name, only)) continue;
         std::cout << Signature(m) << '\n';
         if (!m.help.empty()) std::cout << "    " << m.help << '\n';
+        listed = true;
     }
+    if (!listed) throw UsageError("unknown member \"" + Abbreviated(only) + "\" (twn4 members lists them)");
     return kExitOk;
 }
 
@@ -402,6 +420,39 @@ std::string FirstReader(PcscApi& pcsc) {
         pcsc.ReleaseContext(context);
     }
     return readers.empty() ? std::string() : readers.front();
+}
+
+int RunCalls(const Options& o, const std::shared_ptr<PcscApi>& pcsc, const std::string& reader,
+             std::vector<Call>& calls) {
+    int status = kExitOk;
+    Encoder encoder(pcsc);
+    encoder.Parameters("Device=" + reader);
+    Reporter reporter(o.json, encoder);
+    if (o.open && encoder.OpenEncoder() != sceSuccess) {
+        reporter.ReportOpenFailure();
+        return kExitFailure;
+    }
+    std::size_t total = 0;
+    for (const auto& c : calls)
+        total += c.member != nullptr;
+    Progress progress(total);
+    std::size_t done = 0;
+    for (auto& call : calls) {
+        if (call.member == nullptr) {
+            reporter.Narrate(call.narration);
+            continue;
+        }
+        progress.Step(done, call.member->name);
+        std::vector<Variant> args = call.args;
+        DispatchResult result = Invoke(encoder, call.member->name, call.member->kind, args);
+        progress.Step(++done, call.member->name);
+        if (reporter.Report(call, result, args)) {
+            status = kExitFailure;
+            if (o.stopOnError) break;
+        }
+    }
+    if (o.open) encoder.CloseEncoder();
+    return status;
 }
 
 int Run(const Options& o) {
@@ -443,38 +494,15 @@ int Run(const Options& o) {
         reader = o.reader ? *o.reader : FirstReader(*pcsc);
     }
 
-    int status = kExitOk;
-    {
-        Encoder encoder(pcsc);
-        encoder.Parameters("Device=" + reader);
-        Reporter reporter(o.json, encoder);
-        if (o.open && encoder.OpenEncoder() != sceSuccess) {
-            reporter.ReportOpenFailure();
-            return kExitFailure;
-        }
-        std::size_t total = 0;
-        for (const auto& c : calls)
-            total += c.member != nullptr;
-        Progress progress(total);
-        std::size_t done = 0;
-        for (auto& call : calls) {
-            if (call.member == nullptr) {
-                reporter.Narrate(call.narration);
-                continue;
-            }
-            progress.Step(done, call.member->name);
-            std::vector<Variant> args = call.args;
-            DispatchResult result = Invoke(encoder, call.member->name, call.member->kind, args);
-            progress.Step(++done, call.member->name);
-            if (reporter.Report(call, result, args)) {
-                status = kExitFailure;
-                if (o.stopOnError) break;
-            }
-        }
-        if (o.open) encoder.CloseEncoder();
+    // Whatever ends the run, the card keeps every change made before.
+    try {
+        const int status = RunCalls(o, pcsc, reader, calls);
+        if (simulation) simulation->Save();
+        return status;
+    } catch (...) {
+        if (simulation) simulation->Save();
+        throw;
     }
-    if (simulation) simulation->Save();
-    return status;
 }
 
 }  // namespace

@@ -13,6 +13,10 @@ bool SameName(std::string_view a, std::string_view b) {
 
 namespace {
 
+bool IsSpace(char c) {
+    return std::isspace(static_cast<unsigned char>(c)) != 0;
+}
+
 // A property given a value is set (Parameters "Device=..."), else read.
 const MemberInfo* Resolve(std::string_view name, bool withValue) {
     if (const auto* m = FindMember("_Encoder", name, MemberKind::Method)) return m;
@@ -55,9 +59,10 @@ std::string Expected(const ParamInfo& p) {
 Call MakeCall(const std::vector<std::string>& words, const std::string& where) {
     Call call;
     call.where = where;
-    const MemberInfo* m = Resolve(words.at(0), words.size() > 1);
+    if (words.empty()) throw UsageError(where + ": no member named");
+    const MemberInfo* m = Resolve(words[0], words.size() > 1);
     if (m == nullptr) {
-        throw UsageError(where + ": unknown member \"" + words[0] + "\" (twn4 members lists them)");
+        throw UsageError(where + ": unknown member \"" + Abbreviated(words[0]) + "\" (twn4 members lists them)");
     }
     call.member = m;
     const std::size_t given = words.size() - 1;
@@ -72,7 +77,7 @@ Call MakeCall(const std::vector<std::string>& words, const std::string& where) {
                 call.args.push_back(FromText(words[i + 1], p));
             } catch (const DispatchError&) {
                 throw UsageError(where + ", argument " + std::to_string(i + 1) + " (" + std::string(p.name) +
-                                 "): expected " + Expected(p) + ", got \"" + words[i + 1] + "\"");
+                                 "): expected " + Expected(p) + ", got \"" + Abbreviated(words[i + 1]) + "\"");
             }
         } else if (p.optional) {
             break;  // the dispatcher knows what an absent optional argument means
@@ -91,12 +96,12 @@ std::vector<std::string> SplitLine(std::string_view line) {
     std::vector<std::string> words;
     std::size_t i = 0;
     while (i < line.size()) {
-        while (i < line.size() && std::isspace(static_cast<unsigned char>(line[i])))
+        while (i < line.size() && IsSpace(line[i]))
             ++i;
         if (i >= line.size()) break;
         std::string word;
         bool quotedWord = false;
-        while (i < line.size() && !std::isspace(static_cast<unsigned char>(line[i]))) {
+        while (i < line.size() && !IsSpace(line[i])) {
             const char c = line[i];
             if (c == '"' || c == '\'') {
                 quotedWord = true;
@@ -143,6 +148,10 @@ std::vector<Call> ParseWords(const std::vector<std::string>& words) {
 }
 
 std::vector<Call> ParseScript(std::string_view text) {
+    // Editors on some systems start a UTF-8 file with a byte-order mark; it
+    // is no part of the first member's name.
+    constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+    if (text.starts_with(kByteOrderMark)) text.remove_prefix(kByteOrderMark.size());
     std::vector<Call> calls;
     std::size_t lineNumber = 0;
     while (!text.empty()) {
@@ -151,9 +160,11 @@ std::vector<Call> ParseScript(std::string_view text) {
         text = end == std::string_view::npos ? std::string_view() : text.substr(end + 1);
         ++lineNumber;
         if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
-        const auto first = line.find_first_not_of(" \t");
-        if (first == std::string_view::npos || line[first] == '#') continue;
-        line.remove_prefix(first);
+        // Any white space separates words, vertical tab and form feed included,
+        // so a line of nothing else is blank.
+        const auto first = std::find_if(line.begin(), line.end(), [](char c) { return !IsSpace(c); });
+        if (first == line.end() || *first == '#') continue;
+        line.remove_prefix(static_cast<std::size_t>(first - line.begin()));
         const std::string where = "line " + std::to_string(lineNumber);
         if (line == "echo" || line.starts_with("echo ") || line.starts_with("echo\t")) {
             Call narration;

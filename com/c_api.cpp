@@ -45,7 +45,9 @@ void SetMessage(char** message, std::string_view text) {
     if (message != nullptr) *message = Duplicate(text);
 }
 
-bool ToVariant(const elatectwn4_value& in, Variant& out) {
+// A Byte out of 0..255 is refused as a Long out of its range is, rather than
+// cut to its low eight bits (258 would pass as 2: key B).
+bool ToVariant(const elatectwn4_value& in, Variant& out, std::size_t index) {
     switch (in.type) {
         case ELATECTWN4_EMPTY:
             out = std::monostate{};
@@ -54,7 +56,7 @@ bool ToVariant(const elatectwn4_value& in, Variant& out) {
             out = in.number != 0;
             return true;
         case ELATECTWN4_BYTE:
-            out = static_cast<std::uint8_t>(in.number);
+            out = elatectwn4::ConvertArgument(Variant{in.number}, elatectwn4::ValueType::Byte, static_cast<int>(index));
             return true;
         case ELATECTWN4_LONG:
             out = in.number;
@@ -166,7 +168,7 @@ int elatectwn4_call(elatectwn4_encoder* encoder, const char* member, int kind, e
     try {
         std::vector<Variant> values(count);
         for (size_t i = 0; i < count; ++i) {
-            if (!ToVariant(args[i], values[i])) {
+            if (!ToVariant(args[i], values[i], i)) {
                 SetMessage(message, "argument " + std::to_string(i + 1) + ": unknown value type");
                 return ELATECTWN4_CALL_INVALID;
             }

@@ -43,7 +43,7 @@ std::string Describe(const Variant& v) {
             else if constexpr (std::is_same_v<T, double>)
                 return "a Double";
             else if constexpr (std::is_same_v<T, std::string>)
-                return "the text \"" + x + "\"";
+                return "the text \"" + Abbreviated(x) + "\"";
             else
                 return "a byte array";
         },
@@ -219,6 +219,16 @@ Variant ConvertArgument(const Variant& value, ValueType type, int index) {
     throw DispatchError(DispatchError::Reason::TypeMismatch, Where(index) + "cannot be passed", index);
 }
 
+std::string Abbreviated(std::string_view text) {
+    constexpr std::size_t kLongest = 40;
+    if (text.size() <= kLongest) return std::string(text);
+    std::size_t cut = kLongest;
+    // Back to the first byte of a character: continuation bytes are 10xxxxxx.
+    while (cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xC0) == 0x80)
+        --cut;
+    return std::string(text.substr(0, cut)) + "...";
+}
+
 Variant DefaultOf(ValueType type) {
     switch (type) {
         case ValueType::String:
@@ -309,7 +319,7 @@ DispatchResult Invoke(Encoder& encoder, std::string_view name, MemberKind kind, 
         FindRow("_Encoder", [&](const MemberInfo& m) { return m.kind == kind && SameName(m.name, name); });
     if (row == nullptr) {
         throw DispatchError(DispatchError::Reason::UnknownName,
-                            "_Encoder has no " + KindText(kind) + " named \"" + std::string(name) + "\"");
+                            "_Encoder has no " + KindText(kind) + " named \"" + Abbreviated(name) + "\"");
     }
     return InvokeRow(*row, args, [&](std::vector<Variant>& a) { return row->onEncoder(encoder, a); });
 }
@@ -327,7 +337,7 @@ Variant Invoke(CError& error, std::string_view name, MemberKind kind, std::vecto
     const auto* row = FindRow("_CError", [&](const MemberInfo& m) { return m.kind == kind && SameName(m.name, name); });
     if (row == nullptr) {
         throw DispatchError(DispatchError::Reason::UnknownName,
-                            "_CError has no " + KindText(kind) + " named \"" + std::string(name) + "\"");
+                            "_CError has no " + KindText(kind) + " named \"" + Abbreviated(name) + "\"");
     }
     return InvokeRow(*row, args, [&](std::vector<Variant>& a) { return row->onError(error, a); });
 }

@@ -2,12 +2,14 @@
 
 #include <algorithm>
 #include <array>
+#include <optional>
 #include <span>
 #include <string>
 
 #include "cipher/bytes.h"
 #include "cipher/wipe.h"
 #include "command/command_table.h"
+#include "command/raw_secrets.h"
 #include "command/trace.h"
 
 namespace elatectwn4::command {
@@ -58,11 +60,14 @@ std::size_t ParseCommand(const FilledCommand& filled, cipher::SecretBuffer& byte
 }
 
 // The sent bytes that the trace hides: from the byte in which the secret's
-// first digit lands (the parse put a "0" in front of an odd count) to the end.
-SecretRange SentSecret(const FilledCommand& filled, std::size_t digits, std::size_t sent) noexcept {
-    if (!filled.secretDigit) return {};
-    const std::size_t from = (*filled.secretDigit + digits % 2) / 2;
-    return {from, sent > from ? sent - from : 0};
+// first digit lands (the parse put a "0" in front of an odd count), or where
+// a raw command's own secret starts, to the end.
+SecretRange SentSecret(const FilledCommand& filled, std::size_t digits, std::size_t sent,
+                       std::optional<std::size_t> rawFrom) noexcept {
+    std::optional<std::size_t> from = rawFrom;
+    if (filled.secretDigit) from = std::min(from.value_or(sent), (*filled.secretDigit + digits % 2) / 2);
+    if (!from) return {};
+    return {*from, sent > *from ? sent - *from : 0};
 }
 
 void Fail(Outcome& outcome, Result result) noexcept {
@@ -127,8 +132,12 @@ Outcome EncoderCommand(Channel& channel, std::uint32_t code, const Params& param
                 Fail(outcome, Result::ReaderFailed);
                 return outcome;
             }
+            // A raw command carries whatever the host wrote, keys included.
+            const RawSecrets raw = current == cmd::Escape ? RawCommandSecrets(sent.view()) : RawSecrets{};
+            secretAnswer = secretAnswer || raw.answer;
             if (tracing) {
-                TraceBytes("Sending " + outcome.command + ": ", sent.view(), SentSecret(filled, digits, sent.size()));
+                TraceBytes("Sending " + outcome.command + ": ", sent.view(),
+                           SentSecret(filled, digits, sent.size(), raw.sentFrom));
             }
 
             std::size_t received = answer.bytes.size();
@@ -143,7 +152,8 @@ Outcome EncoderCommand(Channel& channel, std::uint32_t code, const Params& param
             const std::span<const std::uint8_t> frame(answer.bytes.data(),
                                                       result == pcsc_code::Success && !oversize ? received : 0);
             if (tracing)
-                TraceBytes("Received: ", frame, secretAnswer ? AnswerData(native, frame.size()) : SecretRange{});
+                TraceBytes("Received: ", frame,
+                           secretAnswer ? AnswerData(native || raw.nativeAnswer, frame.size()) : SecretRange{});
 
             if (result != pcsc_code::Success) {
                 outcome.pcscCode = result;

@@ -1,5 +1,8 @@
 #include "command/trace.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
@@ -21,7 +24,11 @@ public:
         if (std::string_view(target) == "stderr") {
             file_ = stderr;
         } else {
-            file_ = std::fopen(target, "a");
+            // Only its owner may read a new log: it shows card data and the
+            // shape of every exchange, even with the keys masked.
+            const int fd = ::open(target, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+            file_ = fd < 0 ? nullptr : ::fdopen(fd, "a");
+            if (file_ == nullptr && fd >= 0) ::close(fd);
             owned_ = file_ != nullptr;
         }
     }

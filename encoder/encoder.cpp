@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "cipher/bytes.h"
+#include "cipher/wipe.h"
 #include "command/encoder_command.h"
 #include "command/error_record.h"
 #include "command/pcsc_error_text.h"
@@ -164,7 +165,9 @@ sceReturnCode Encoder::Escape(const std::string& sCommand, std::string& sBuffer)
         // guessed bytes; it is refused before anything is sent, with the same
         // record as a command that yields no bytes at all.
         std::string digits = sCommand;
-        if (!cipher::IsHexText(digits) || digits.size() % 2 != 0) {
+        const bool wholeBytes = cipher::IsHexText(digits) && digits.size() % 2 == 0;
+        cipher::SecureWipe(digits.data(), digits.size());  // a LOAD KEYS carries a key
+        if (!wholeBytes) {
             command::Fail(s.error, ErrorNumber::CommandFailed, kName,
                           "SCardTransmit:" + std::string(command::CommandName(command::cmd::Escape)),
                           command::PCSCErrorText(pcsc_code::InvalidParameter));

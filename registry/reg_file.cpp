@@ -14,6 +14,10 @@ constexpr std::string_view kHeaderVersion4 = "REGEDIT4";
 constexpr std::size_t kMaxKeyNameLength = 255;
 constexpr std::size_t kMaxValueNameLength = 16383;
 
+bool IsOneLine(std::string_view text) {
+    return text.find_first_of(std::string_view("\r\n\0", 3)) == std::string_view::npos;
+}
+
 // regedit wraps long hex data; this many bytes per line keeps lines short.
 constexpr std::size_t kHexBytesPerLine = 24;
 
@@ -356,6 +360,10 @@ private:
 
 }  // namespace
 
+bool IsValueName(std::string_view name) {
+    return name.size() <= kMaxValueNameLength && IsOneLine(name);
+}
+
 std::optional<std::vector<std::string>> SplitKeyPath(std::string_view path) {
     std::vector<std::string> components;
     if (!path.empty() && path.back() == '\\') path.remove_suffix(1);  // one trailing '\' is harmless
@@ -365,7 +373,8 @@ std::optional<std::vector<std::string>> SplitKeyPath(std::string_view path) {
         const auto slash = path.find('\\', start);
         const auto component =
             path.substr(start, slash == std::string_view::npos ? path.size() - start : slash - start);
-        if (component.empty() || component.size() > kMaxKeyNameLength) return std::nullopt;
+        // A section line cannot hold a line break, and NUL would end the name early for other tools.
+        if (component.empty() || component.size() > kMaxKeyNameLength || !IsOneLine(component)) return std::nullopt;
         components.emplace_back(component);
         if (slash == std::string_view::npos) return components;
         start = slash + 1;
@@ -583,7 +592,7 @@ void AppendHex(std::string& out, const RawData& raw, std::string_view eol) {
 void AppendData(std::string& out, const StoredData& data, FileFormat format, std::string_view eol) {
     if (const auto* text = std::get_if<std::string>(&data)) {
         // A quoted text cannot span lines, and NUL would end it early for other tools.
-        if (text->find_first_of(std::string_view("\r\n\0", 3)) != std::string::npos) {
+        if (!IsOneLine(*text)) {
             AppendHex(out, EncodeRawText(*text, format), eol);
         } else {
             AppendQuoted(out, *text);

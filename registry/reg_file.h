@@ -110,7 +110,11 @@ std::string DecodeRawText(const RawData& data, FileFormat format);
 RawData EncodeRawText(std::string_view text, FileFormat format);
 
 /// A key path's components; "" (and "\") is the root. nullopt when a component
-/// is empty (leading or doubled '\') or longer than the platform allows.
+/// is empty (leading or doubled '\'), longer than the platform allows, or
+/// holds a line break or NUL, which no file line can hold.
 std::optional<std::vector<std::string>> SplitKeyPath(std::string_view path);
+
+/// True for a value name a file can hold: not too long, no line break, no NUL.
+bool IsValueName(std::string_view name);
 
 }  // namespace elatectwn4::registry

@@ -29,7 +29,6 @@ constexpr std::string_view kTextDeleteValue = "Unable to delete specified value"
 constexpr std::string_view kRemotePrefix = "\\\\";
 
 // The platform refuses value names longer than this.
-constexpr std::size_t kMaxValueNameLength = 16383;
 
 // Significant digits of the host's text form of single and double numbers.
 constexpr int kSingleDigits = 7;
@@ -165,11 +164,6 @@ std::optional<RegValue> Readable(const StoredValue& value, FileFormat format) {
     }
 }
 
-bool ValidValueName(std::string_view name) {
-    return name.size() <= kMaxValueNameLength &&
-           name.find_first_of(std::string_view("\r\n\0", 3)) == std::string_view::npos;
-}
-
 Root NormalizeRoot(Root root) {
     return IsKnownRoot(root) ? root : Root::CurrentUser;
 }
@@ -289,7 +283,7 @@ bool WriteLocked(Root root, std::string_view key, std::string_view computer,
         if (!choice) return false;  // the writer found nothing left to do
         if (!choice->data) {
             problem = WriteProblem::Refused;
-        } else if (!ValidValueName(choice->name)) {
+        } else if (!IsValueName(choice->name)) {
             problem = WriteProblem::BadName;
         }
         if (problem != WriteProblem::None) {

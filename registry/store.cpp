@@ -17,9 +17,11 @@ namespace {
 
 constexpr const char* kSystemStoreDirectory = "/var/lib/elatectwn4";
 constexpr const char* kStoreSubdirectory = "elatectwn4";
-// New files are readable by every account (several hosts may share the
-// machine-wide root); an existing file keeps the mode its administrator gave it.
-constexpr mode_t kNewFileMode = 0644;
+// A new machine-wide root is readable by every account (several hosts share
+// its card types); a user's own roots are that user's alone. An existing file
+// keeps the mode its administrator gave it. None of them holds a key.
+constexpr mode_t kNewSharedFileMode = 0644;
+constexpr mode_t kNewPrivateFileMode = 0600;
 constexpr mode_t kLockFileMode = 0666;
 
 class FileDescriptor {
@@ -100,9 +102,9 @@ bool WriteAll(int fd, std::string_view data) {
 }
 
 // Writes `contents` beside `target` and renames it over `target`; returns 0 or an errno.
-int ReplaceFile(const std::filesystem::path& target, std::string_view contents) {
+int ReplaceFile(const std::filesystem::path& target, std::string_view contents, mode_t newFileMode) {
     static std::atomic<unsigned> counter{0};
-    mode_t mode = kNewFileMode;
+    mode_t mode = newFileMode;
     if (struct stat st{}; ::stat(target.c_str(), &st) == 0) mode = st.st_mode & 07777;
 
     std::filesystem::path temporary;
@@ -214,7 +216,8 @@ UpdateOutcome UpdateHive(const RegHandle& handle, const std::function<bool(Hive&
     auto loaded = LoadHive(handle);
     if (loaded.error != result::kSuccess) return UpdateOutcome{loaded.error, false};
     if (!edit(loaded.hive)) return UpdateOutcome{};
-    if (const int error = ReplaceFile(file, SerializeHive(loaded.hive, RootName(handle.root))); error != 0) {
+    const mode_t mode = handle.root == Root::LocalMachine ? kNewSharedFileMode : kNewPrivateFileMode;
+    if (const int error = ReplaceFile(file, SerializeHive(loaded.hive, RootName(handle.root)), mode); error != 0) {
         return UpdateOutcome{ResultFromErrno(error), true};
     }
     return UpdateOutcome{};

@@ -235,7 +235,7 @@ std::uint16_t Reader::LoadKeys(std::span<const std::uint8_t> apdu) {
     if (apdu[2] == kNonVolatileKeys) return sw::NonVolatileUnavailable;
     if (apdu[2] != kVolatileKeys) return sw::WrongP1P2;
     const std::size_t slot = apdu[3];
-    if (slot >= keySlots_.size()) return sw::KeyNumberInvalid;
+    if (slot >= keySlots_.size()) return sw::KeySlotInvalid;
     if (apdu[4] != MifareKey{}.size()) return sw::KeyLengthInvalid;
     MifareKey key{};
     std::copy_n(apdu.begin() + 5, key.size(), key.begin());

@@ -7,8 +7,8 @@
 //   FF CA 00 00 Le        GET DATA: the UID; Le 00 = all of it, a shorter Le
 //                         gives 6Cxx (xx = the UID length), a longer one the
 //                         UID with 6282. FF CA 01 00 (historical bytes): 6A81.
-//   FF 82 00 nn 06 key    LOAD KEYS into volatile slot nn (0..31): 6388 for
-//                         another slot, 6389 for another key length, 6387 when
+//   FF 82 00 nn 06 key    LOAD KEYS into volatile slot nn (0..31): 6988 for
+//                         another slot, 6989 for another key length, 6387 when
 //                         asked for non-volatile memory (P1 20).
 //   FF 86 00 00 05 01 MSB LSB 60|61 nn
 //                         GENERAL AUTHENTICATE with key A (60) or B (61) from
@@ -41,11 +41,10 @@ namespace elatectwn4::sim {
 namespace sw {
 inline constexpr std::uint16_t EndOfData = 0x6282;  ///< fewer bytes than Le asked for
 inline constexpr std::uint16_t NonVolatileUnavailable = 0x6387;
-inline constexpr std::uint16_t KeyNumberInvalid = 0x6388;  ///< LOAD KEYS slot
-inline constexpr std::uint16_t KeyLengthInvalid = 0x6389;
 inline constexpr std::uint16_t KeyNotUsable = 0x6984;  ///< empty key slot
 inline constexpr std::uint16_t KeyTypeUnknown = 0x6986;
-inline constexpr std::uint16_t KeySlotInvalid = 0x6988;  ///< GENERAL AUTHENTICATE slot
+inline constexpr std::uint16_t KeySlotInvalid = 0x6988;    ///< no such key slot
+inline constexpr std::uint16_t KeyLengthInvalid = 0x6989;  ///< LOAD KEYS of another length
 inline constexpr std::uint16_t WrongData = 0x6A80;
 inline constexpr std::uint16_t WrongLe = 0x6C00;  ///< + the right Le
 }  // namespace sw

@@ -116,6 +116,11 @@ ELATECTWN4_API std::string ToText(const Variant& value);
 /// sceReturnCode"; optional parameters in brackets.
 ELATECTWN4_API std::string Signature(const MemberInfo& member);
 
+/// `text` as a message quotes it: whole up to 40 bytes, else its first 40
+/// bytes (never half a UTF-8 character) followed by "...". A caller's
+/// mistake may be megabytes long; the message stays readable.
+ELATECTWN4_API std::string Abbreviated(std::string_view text);
+
 /// "ValueType" name as the type library shows it.
 ELATECTWN4_API std::string_view TypeName(ValueType type) noexcept;
 

@@ -1,6 +1,7 @@
 #include "sim/bridge/state_file.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -22,8 +23,15 @@ namespace {
 // publishes it; without the fsync a power cut could leave an empty file under
 // the final name.
 void WriteDurably(const std::filesystem::path& path, const std::string& text) {
+    // The card's keys are in it: its owner's alone, also when a leftover of
+    // a crashed run had the name with a wider mode.
     const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     if (fd < 0) Fail("cannot create", path, errno);
+    if (::fchmod(fd, 0600) != 0) {
+        const int error = errno;
+        ::close(fd);
+        Fail("cannot restrict", path, error);
+    }
     std::size_t written = 0;
     while (written < text.size()) {
         const ssize_t n = ::write(fd, text.data() + written, text.size() - written);

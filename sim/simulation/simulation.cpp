@@ -1,10 +1,8 @@
 #include "sim/simulation/simulation.h"
 
-#include <cstdio>
-#include <filesystem>
-#include <fstream>
 #include <stdexcept>
 
+#include "sim/bridge/state_file.h"
 #include "sim/reader.h"
 #include "sim/simulated_pcsc.h"
 
@@ -19,12 +17,9 @@ struct Simulation::Impl {
 Simulation::Simulation(const std::string& kind, std::string stateFile) : impl_(std::make_unique<Impl>()) {
     impl_->card = MakeCard(kind);
     impl_->stateFile = std::move(stateFile);
-    if (!impl_->stateFile.empty() && std::filesystem::exists(impl_->stateFile)) {
-        std::ifstream in(impl_->stateFile);
-        nlohmann::json state;
+    if (!impl_->stateFile.empty()) {
         try {
-            in >> state;
-            impl_->card->Load(state);
+            if (auto state = bridge::ReadStateFile(impl_->stateFile)) impl_->card->Load(*state);
         } catch (const std::exception& e) {
             throw std::runtime_error("cannot load the card from " + impl_->stateFile + ": " + e.what());
         }
@@ -40,16 +35,9 @@ std::shared_ptr<PcscApi> Simulation::pcsc() const {
 }
 
 void Simulation::Save() const {
-    if (impl_->stateFile.empty()) return;
-    // Written beside the target and renamed over it, so an interrupted run
-    // never leaves half a card behind.
-    const std::string temporary = impl_->stateFile + ".tmp";
-    {
-        std::ofstream out(temporary, std::ios::trunc);
-        out << impl_->card->Save().dump(2) << '\n';
-        if (!out) throw std::runtime_error("cannot write " + temporary);
-    }
-    std::filesystem::rename(temporary, impl_->stateFile);
+    // The card's keys are in it: the file is its owner's alone, and an
+    // interrupted run never leaves half a card behind.
+    if (!impl_->stateFile.empty()) bridge::WriteStateFile(impl_->stateFile, impl_->card->Save());
 }
 
 }  // namespace elatectwn4::sim

@@ -37,15 +37,6 @@ TEST(ConvertData, EveryFormReadsBackToEveryOtherForm) {
     }
 }
 
-TEST(ConvertData, RandomBytesSurviveEveryFormAndBack) {
-    std::mt19937 random(7);
-    for (int round = 0; round < 100; ++round) {
-        const Value bytes(RandomBytes(random, round % 40));
-        for (int form = 0; form <= 6; ++form)
-            EXPECT_EQ(DES::ConvertData(DES::ConvertData(bytes, 5 * 256 + form), form * 256 + 5), bytes) << form;
-    }
-}
-
 TEST(ConvertData, ReadsSeparatorsCaseAndOddCountsAndLeavesHighOutputFormsAlone) {
     struct Case {
         Value input;

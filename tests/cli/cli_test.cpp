@@ -152,6 +152,9 @@ TEST(Twn4, CardContentsPersistBetweenRunsInTheStateFile) {
               2);
     EXPECT_FALSE(std::filesystem::exists(state));
     ASSERT_EQ(Twn4("--simulate mifare1k:" + state + " WriteValueBloc 8 FFFFFFFFFFFF 0 300").status, 0);
+    EXPECT_EQ(std::filesystem::status(state).permissions(),
+              std::filesystem::perms::owner_read | std::filesystem::perms::owner_write)
+        << "the card's keys are in it";
     const auto o = Twn4("--json --simulate mifare1k:" + state + " ReadDataBloc 8 FFFFFFFFFFFF 0");
     ASSERT_EQ(o.status, 0) << o.out << o.err;
     EXPECT_EQ(JsonLines(o.out).at(0)["out"]["BlocContents"], "2C010000D3FEFFFF2C010000FF00FF00");
@@ -229,6 +232,49 @@ TEST(Twn4, UsageErrorsExitWithTwoSendNothingAndSayWhatWasWrong) {
         EXPECT_TRUE(o.out.empty()) << c.arguments << ": " << o.out;
         EXPECT_NE(o.err.find(c.mustSay), std::string::npos) << c.arguments << ": " << o.err;
     }
+}
+
+TEST(Twn4, RoughInputGetsAClearMessageAndItsExitStatus) {
+    const std::string longName(100000, 'Q');
+    struct Row {
+        std::string arguments;
+        std::string input;
+        int status;
+        std::string errSays;
+        std::string outSays;
+    };
+    const std::vector<Row> rows{
+        {"--simulate mifare1k --script -", "\v\nReadSerialNumber\n\f\n", 0, "", "ReadSerialNumber: sceSuccess"},
+        {"--simulate mifare1k --script -", "\xEF\xBB\xBFReadSerialNumber\n", 0, "", "ReadSerialNumber: sceSuccess"},
+        {"--simulate mifare1k --script -", "\xEF\xBB\xBF\n\v \f\n", 2, "no member to call", ""},
+        {"members Foo", "", 2, "unknown member \"Foo\"", ""},
+        {"members ReadSerialNumber Foo", "", 2, "at most one member name", ""},
+        {"--simulate mifare1k " + longName, "", 2, "unknown member \"" + std::string(40, 'Q') + "...\"", ""},
+        {"--simulate mifare1k ReadDataBloc " + longName, "", 2, "got \"" + std::string(40, 'Q') + "...\"", ""},
+    };
+    for (const auto& row : rows) {
+        const auto o = Twn4(row.arguments, row.input);
+        const std::string shown = row.arguments.substr(0, 60);
+        EXPECT_EQ(o.status, row.status) << shown << "\n" << o.out << o.err;
+        EXPECT_NE(o.err.find(row.errSays), std::string::npos) << shown << ": " << o.err;
+        EXPECT_LT(o.err.size(), 300u) << shown;
+        EXPECT_NE(o.out.find(row.outSays), std::string::npos) << shown << ": " << o.out;
+    }
+}
+
+TEST(Twn4, JsonShowsTextThatIsNotUtf8AndTheCardKeepsItsChanges) {
+    TempDir dir;
+    const std::string state = dir / "card.json";
+    const auto o = Twn4("--json --simulate mifare1k:" + state + " --script -",
+                        "WriteDataBloc 4 FFFFFFFFFFFF 0 00112233445566778899AABBCCDDEEFF\n"
+                        "Parameters \"Device=\xFF\xFE\"\nParameters\n");
+    EXPECT_EQ(o.status, 0) << o.out << o.err;
+    const auto lines = JsonLines(o.out);
+    ASSERT_EQ(lines.size(), 3u) << o.out;
+    EXPECT_NE(lines[2]["value"].get<std::string>().find("Device=\xEF\xBF\xBD\xEF\xBF\xBD"), std::string::npos)
+        << lines[2];
+    const auto read = Twn4("--json --simulate mifare1k:" + state + " ReadDataBloc 4 FFFFFFFFFFFF 0");
+    EXPECT_EQ(JsonLines(read.out).at(0)["out"]["BlocContents"], "00112233445566778899AABBCCDDEEFF");
 }
 
 TEST(Twn4, MembersListsEveryMemberOfTheEncoder) {

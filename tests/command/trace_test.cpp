@@ -2,6 +2,7 @@
 #include "command/trace.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <array>
 #include <memory>
@@ -93,6 +94,62 @@ const Case kCases[] = {
      {{"0A 03", "AF 5D 8E"}, {"AF", "00 3A 9B"}},
      {"Sending DesfireAuthenticate: 0A03 (10,3)", "Received: AF**** (175,*,*)", "Sending MoreResponse: AF (175)",
       "Received: 00**** (0,*,*)"}},
+    // A raw command's secrets are recognised from its header.
+    {"a raw LOAD KEYS",
+     cmd::Escape,
+     {std::string("FF 82 00 01 06 A7 3C 5E 91 D2 B4")},
+     {},
+     {{"FF 82 00 01 06 A7 3C 5E 91 D2 B4", "90 00"}},
+     {"Sending Escape: FF82000106************ (255,130,0,1,6,*,*,*,*,*,*)", "Received: 9000 (144,0)"}},
+    {"a raw write of a 4K trailer",
+     cmd::Escape,
+     {std::string("FF D6 00 8F 10 " + kTrailerHex)},
+     {},
+     {{"FF D6 00 8F 10 " + kTrailerHex, "90 00"}},
+     {"Sending Escape: FFD6008F10******************************** (255,214,0,143,16,*,*,*,*,*,*,*,*,*,*,*,*,*,*,*,*)",
+      "Received: 9000 (144,0)"}},
+    {"a raw write of a data block stays readable",
+     cmd::Escape,
+     {std::string("FF D6 00 83 02 A1 B2")},
+     {},
+     {{"FF D6 00 83 02 A1 B2", "90 00"}},
+     {"Sending Escape: FFD6008302A1B2 (255,214,0,131,2,161,178)", "Received: 9000 (144,0)"}},
+    {"a raw read of a trailer",
+     cmd::Escape,
+     {std::string("FF B0 00 07 00")},
+     {},
+     {{"FF B0 00 07 00", "A1 B2 90 00"}},
+     {"Sending Escape: FFB0000700 (255,176,0,7,0)", "Received: ****9000 (*,*,144,0)"}},
+    {"a raw native ChangeKey after its key number",
+     cmd::Escape,
+     {std::string("C4 01 A1 B2 C3")},
+     {},
+     {{"C4 01 A1 B2 C3", "00"}},
+     {"Sending Escape: C401****** (196,1,*,*,*)", "Received: 00 (0)"}},
+    {"a wrapped ChangeKey",
+     cmd::Escape,
+     {std::string("90 C4 00 00 04 01 A1 B2 C3 00")},
+     {},
+     {{"90 C4 00 00 04 01 A1 B2 C3 00", "91 00"}},
+     {"Sending Escape: 90C400000401******** (144,196,0,0,4,1,*,*,*,*)", "Received: 9100 (145,0)"}},
+    {"a raw authentication's challenge, status first",
+     cmd::Escape,
+     {std::string("0A 00")},
+     {},
+     {{"0A 00", "AF 5D 8E"}},
+     {"Sending Escape: 0A00 (10,0)", "Received: AF**** (175,*,*)"}},
+    {"a wrapped authentication's challenge, status last",
+     cmd::Escape,
+     {std::string("90 AA 00 00 01 00 00")},
+     {},
+     {{"90 AA 00 00 01 00 00", "5D 8E 91 AF"}},
+     {"Sending Escape: 90AA0000010000 (144,170,0,0,1,0,0)", "Received: ****91AF (*,*,145,175)"}},
+    {"a raw token both ways",
+     cmd::Escape,
+     {std::string("AF 1A 2B")},
+     {},
+     {{"AF 1A 2B", "00 6B 5A"}},
+     {"Sending Escape: AF**** (175,*,*)", "Received: 00**** (0,*,*)"}},
     {"a failed transmission",
      cmd::GetUID,
      {},
@@ -100,6 +157,13 @@ const Case kCases[] = {
      {{"FF CA 00 00 00", ""}},
      {"Sending GetUID: FFCA000000 (255,202,0,0,0)", "Received:  ()"}},
 };
+
+TEST(Trace, TheFileIsItsOwnersAlone) {
+    ASSERT_TRUE(TraceEnabled());  // the sink has created the file
+    struct stat file {};
+    ASSERT_EQ(::stat(test::TraceFile().c_str(), &file), 0);
+    EXPECT_EQ(file.st_mode & 0777, 0600u);
+}
 
 TEST(Trace, ShowsEachExchangeWithKeyMaterialMasked) {
     ASSERT_TRUE(TraceEnabled());

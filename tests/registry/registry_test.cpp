@@ -381,7 +381,18 @@ TEST(RegistryDamage, AnImportedFileKeepsEverythingItHeldAcrossAWrite) {
 
 TEST(RegistryFiles, AWriteReplacesTheFileWholeAndKeepsItsMode) {
     RegistryDir store;
+    // New files: the machine-wide root for every account, a user's root for its owner.
+    const mode_t umask = ::umask(0);
     ASSERT_TRUE(WriteRegValue(kLM, kKey, "v", RegData{std::int32_t{1}}));
+    ASSERT_TRUE(WriteRegValue(Root::CurrentUser, kKey, "v", RegData{std::int32_t{1}}));
+    ::umask(umask);
+    struct stat machine {};
+    struct stat user {};
+    ASSERT_EQ(::stat(store.File().c_str(), &machine), 0);
+    ASSERT_EQ(::stat(store.File("HKEY_CURRENT_USER").c_str(), &user), 0);
+    EXPECT_EQ(machine.st_mode & 07777, 0644u);
+    EXPECT_EQ(user.st_mode & 07777, 0600u);
+
     ASSERT_EQ(::chmod(store.File().c_str(), 0640), 0);
     struct stat oldStat {};
     ASSERT_EQ(::stat(store.File().c_str(), &oldStat), 0);

@@ -23,6 +23,7 @@ int main(void) {
     elatectwn4_error error;
     elatectwn4_value args[4];
     elatectwn4_value result;
+    char long_name[4096];
     int rc;
 
     expect(elatectwn4_create_simulated("no-such-card", NULL, &message) == NULL, "an unknown kind must be refused");
@@ -77,6 +78,21 @@ int main(void) {
     elatectwn4_free(message);
     rc = elatectwn4_call(enc, "ReadDataBloc", ELATECTWN4_METHOD, args, 1, &result, &message);
     expect(rc == ELATECTWN4_CALL_BAD_PARAM_COUNT, "a missing argument is refused");
+    elatectwn4_free(message);
+    /* A Byte out of 0..255 is an overflow as a Long out of range is, not its low
+     * eight bits (258 would select key B). */
+    args[2].number = 258;
+    args[3].type = ELATECTWN4_STRING;
+    args[3].text = (char*)"";
+    rc = elatectwn4_call(enc, "ReadDataBloc", ELATECTWN4_METHOD, args, 4, &result, &message);
+    expect(rc == ELATECTWN4_CALL_OVERFLOW && message != NULL && strstr(message, "258") != NULL,
+           "a Byte of 258 is an overflow");
+    elatectwn4_free(message);
+    memset(long_name, 'Q', sizeof long_name - 1);
+    long_name[sizeof long_name - 1] = '\0';
+    rc = elatectwn4_call(enc, long_name, ELATECTWN4_METHOD, NULL, 0, &result, &message);
+    expect(rc == ELATECTWN4_CALL_UNKNOWN_NAME && message != NULL && strlen(message) < 120,
+           "a long unknown name is cut in the message");
     elatectwn4_free(message);
 
     /* A card refusal lands in the error record. */
