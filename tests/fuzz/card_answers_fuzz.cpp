@@ -137,12 +137,15 @@ bool IsoSuccess(const Bytes& answer) {
 
 // Every answer the component took has the status word its command requires.
 // A refused plain settings change followed by the enciphered one was no
-// answer the member took: any answer may stand there.
+// answer the member took: anything may stand before the second attempt.
 bool EveryAnswerHasAStatus(const std::vector<Exchange>& log) {
-    for (std::size_t i = 0; i < log.size(); ++i) {
-        const Exchange& e = log[i];
-        const bool retried = i + 1 < log.size() && !e.sent.empty() && e.sent[0] == 0x5F && log[i + 1].sent[0] == 0x5F;
-        if (!retried && e.answer.size() < (IsIsoCommand(e.sent) ? 2u : 1u)) return false;
+    const auto change = [&](std::size_t i) { return !log[i].sent.empty() && log[i].sent[0] == 0x5F; };
+    std::size_t from = 0;
+    for (std::size_t i = 1; i < log.size() && !log.empty() && change(0); ++i) {
+        if (change(i)) from = i;
+    }
+    for (std::size_t i = from; i < log.size(); ++i) {
+        if (log[i].answer.size() < (IsIsoCommand(log[i].sent) ? 2u : 1u)) return false;
     }
     return true;
 }
