@@ -309,6 +309,15 @@ void RunEncoderMember(unsigned member, const Args& args, Input& input) {
             result = encoder.WriteSectorTrailer(args.a, kKey, 0, "B0B1B2B3B4B5", "C0C1C2C3C4C5", args.d % 3,
                                                 args.security(args.b), args.security(args.c), -1,
                                                 args.security(args.b ^ args.c), bx);
+            // The keys go to the sector's trailer: the card's own from sector
+            // 32 on under Conformance=card, else the fourth block.
+            const unsigned sector = args.a;
+            const unsigned trailer =
+                args.conformance() && sector >= 32 ? 128 + 16 * (sector - 32) + 15 : 4 * sector + 3;
+            for (const Exchange& e : pcsc->log) {
+                if (e.sent.size() >= 4 && e.sent[0] == 0xFF && (e.sent[1] == 0xD6 || e.sent[1] == 0xB0))
+                    Check(static_cast<unsigned>(e.sent[2] << 8 | e.sent[3]) == trailer);
+            }
             break;
         }
         default:
