@@ -70,6 +70,12 @@ SecretRange SentSecret(const FilledCommand& filled, std::size_t digits, std::siz
     return {*from, sent > *from ? sent - *from : 0};
 }
 
+// What arrived instead of a status word; a single byte is no key material.
+std::string NoStatusReason(std::span<const std::uint8_t> frame) {
+    return "No status word in the answer: " +
+           (frame.empty() ? std::string("nothing received") : "received " + cipher::ToHex(frame, ' '));
+}
+
 void Fail(Outcome& outcome, Result result) noexcept {
     outcome.result = result;
     outcome.data.Clear();
@@ -165,16 +171,19 @@ Outcome EncoderCommand(Channel& channel, std::uint32_t code, const Params& param
                 Fail(outcome, Result::AnswerRefused);
                 return outcome;
             }
-            if (frame.empty()) {
-                // Nothing received: a success without data.
-                outcome.data.Clear();
-                return outcome;
-            }
-            // The raw channel is recognised by its name, whichever code carries it.
+            // The raw channel is recognised by its name, whichever code carries
+            // it; its answer is the caller's to read, an empty one included.
             if (outcome.command == "Escape") {
                 outcome.data.Clear();
                 outcome.data.Append(frame);
                 outcome.status = StatusWord{};
+                return outcome;
+            }
+            // Every other command is judged by its status word: an answer too
+            // short to hold one is no answer to it.
+            if (frame.size() < (native ? 1u : 2u)) {
+                outcome.reason = NoStatusReason(frame);
+                Fail(outcome, Result::AnswerRefused);
                 return outcome;
             }
 
@@ -183,9 +192,8 @@ Outcome EncoderCommand(Channel& channel, std::uint32_t code, const Params& param
                 outcome.data.Append(frame.subspan(1));
             } else {
                 const std::size_t n = frame.size();
-                if (n >= 3) outcome.data.Append(frame.first(n - 2));
-                outcome.status = n >= 2 ? StatusWord::Iso(static_cast<std::uint16_t>(frame[n - 2] << 8 | frame[n - 1]))
-                                        : StatusWord{};
+                outcome.data.Append(frame.first(n - 2));
+                outcome.status = StatusWord::Iso(static_cast<std::uint16_t>(frame[n - 2] << 8 | frame[n - 1]));
             }
             answer.Wipe();
 

@@ -45,4 +45,36 @@ void RecordFailure(CError& record, const Outcome& outcome, const std::string& co
     }
 }
 
+void RecordMalformedAnswer(CError& record, std::string_view command, const std::string& what,
+                           const std::string& comFunction) noexcept {
+    try {
+        Fail(record, ErrorNumber::CommandFailed, comFunction, "SCardTransmit:" + std::string(command), what);
+    } catch (...) {
+        RecordRuntimeError(record, comFunction);
+    }
+}
+
+bool CheckDataLength(CError& record, const Outcome& outcome, std::initializer_list<std::size_t> allowed,
+                     const std::string& comFunction) noexcept {
+    const std::size_t size = outcome.data.size();
+    for (const std::size_t length : allowed) {
+        if (size == length) return true;
+    }
+    try {
+        std::string expected;
+        std::size_t left = allowed.size();
+        for (const std::size_t length : allowed) {
+            expected += std::to_string(length);
+            --left;
+            if (left > 1) expected += ", ";
+            if (left == 1) expected += " or ";
+        }
+        RecordMalformedAnswer(record, outcome.command,
+                              "Answer of " + std::to_string(size) + " data bytes, expected " + expected, comFunction);
+    } catch (...) {
+        RecordRuntimeError(record, comFunction);
+    }
+    return false;
+}
+
 }  // namespace elatectwn4::command

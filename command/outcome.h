@@ -6,8 +6,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <exception>
+#include <initializer_list>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "cipher/secret.h"
 #include "elatectwn4/error.h"
@@ -16,7 +18,7 @@ namespace elatectwn4::command {
 
 /// A card's status as received: the last two bytes of an ISO 7816 answer
 /// ("9000", "91AF"), the first byte of a DESFire native answer ("00", "AF"),
-/// or none, where an ISO answer was too short to hold one ("").
+/// or none ("") on the raw channel, which has no status of its own.
 class StatusWord {
 public:
     constexpr StatusWord() noexcept = default;
@@ -41,7 +43,7 @@ enum class Result : std::uint8_t {
     Success,        ///< the card took the command; data and status hold its answer
     CardRefused,    ///< the card answered a status that is no success: status
     ReaderFailed,   ///< PC/SC failed the transmission, or the command yielded no bytes: pcscCode
-    AnswerRefused,  ///< the answer broke one of the component's limits: reason
+    AnswerRefused,  ///< the answer held no status word, or broke one of the component's limits: reason
     EncoderClosed,  ///< no context; nothing was sent
     NoCard,         ///< no card connected; nothing was sent
     Fault,          ///< an exception escaped: fault
@@ -75,5 +77,18 @@ struct Outcome {
 /// the card's status, the PC/SC error text or the refusal's reason; or the
 /// run-time error a fault carries. Nothing for a success.
 void RecordFailure(CError& record, const Outcome& outcome, const std::string& comFunction) noexcept;
+
+/// Records a successful exchange whose answer has a form the command never
+/// yields: 0x90010F04 "Encoder command failed" naming `comFunction`, with
+/// RdrCommand "SCardTransmit:<command>" and RdrRetCode `what`: what arrived,
+/// in words, never the bytes (they may be keys).
+void RecordMalformedAnswer(CError& record, std::string_view command, const std::string& what,
+                           const std::string& comFunction) noexcept;
+
+/// True when the answer's data has one of the lengths `allowed`; otherwise
+/// records it with RecordMalformedAnswer ("Answer of 5 data bytes, expected
+/// 4, 7 or 10") and returns false.
+bool CheckDataLength(CError& record, const Outcome& outcome, std::initializer_list<std::size_t> allowed,
+                     const std::string& comFunction) noexcept;
 
 }  // namespace elatectwn4::command

@@ -2,6 +2,7 @@
 // version record, and keys and key settings.
 #include <algorithm>
 #include <cmath>
+#include <iterator>
 #include <optional>
 
 #include "cipher/bytes.h"
@@ -56,6 +57,26 @@ std::int32_t StorageSize(std::uint8_t code) {
     const double size = std::ldexp(code % 2 ? 1.5 : 1.0, code / 2);
     if (size > 2147483647.0) throw command::RuntimeError(command::RuntimeOverflow, "Overflow");
     return static_cast<std::int32_t>(std::nearbyint(size));
+}
+
+// The version record comes in three frames: the hardware's 7 bytes, the
+// software's 7, then UID, batch number and production date (14). A frame of
+// another size, or a card that ends or goes on elsewhere, gives no record.
+std::optional<std::vector<std::uint8_t>> ReadVersion(Context& ctx, const std::string& comFunction) {
+    constexpr std::size_t kFrames[] = {7, 7, 14};
+    std::vector<std::uint8_t> version;
+    for (std::size_t i = 0; i < std::size(kFrames); ++i) {
+        Reply reply = Exchange(ctx, i == 0 ? cmd::DesfireGetVersion : cmd::MoreResponseNative, {});
+        reply.command = command::CommandName(cmd::DesfireGetVersion);
+        const bool last = i + 1 == std::size(kFrames);
+        if (reply.outcome != Reply::Outcome::Answered || !reply.IsStatus(last ? 0x00 : 0xAF) ||
+            reply.data.size() != kFrames[i]) {
+            OperationFailed(ctx, comFunction, reply);
+            return std::nullopt;
+        }
+        version.insert(version.end(), reply.data.begin(), reply.data.end());
+    }
+    return version;
 }
 
 }  // namespace
@@ -113,10 +134,9 @@ sceReturnCode DESFireGetVersion(Context& ctx, std::int32_t RequestedInformation,
     }
     std::vector<std::uint8_t>& version = ctx.session.versionCache;
     if (version.size() != kVersionSize) {
-        const std::optional<Reply> reply = Run(ctx, kName, cmd::DesfireGetVersion);
-        if (!reply) return sceError;
-        if (reply->data.size() != kVersionSize) return OperationFailed(ctx, kName, *reply);
-        version.assign(reply->data.begin(), reply->data.end());
+        std::optional<std::vector<std::uint8_t>> record = ReadVersion(ctx, kName);
+        if (!record) return sceError;
+        version = std::move(*record);
     }
 
     const auto bytes = [&](std::size_t first, std::size_t count) {

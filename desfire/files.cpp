@@ -15,6 +15,7 @@ namespace cmd = command::cmd;
 
 constexpr std::int32_t kHighestRight = 15;
 constexpr std::size_t kRightsOffset = 2;
+constexpr std::uint8_t kHighestFileId = 31;
 
 bool IsCreatableCommunication(std::int32_t settings) noexcept {
     return settings == dfcPlain || settings == dfcPlainMac || settings == dfcCiphered;
@@ -142,6 +143,10 @@ sceReturnCode DESFireGetFileIDs(Context& ctx, std::string& FileIds) {
     if (!reply) return sceError;
     std::vector<std::uint8_t> ids(reply->data.begin(), reply->data.end());
     std::sort(ids.begin(), ids.end());
+    // An application holds each of the file numbers 0..31 at most once.
+    const bool wellFormed =
+        (ids.empty() || ids.back() <= kHighestFileId) && std::adjacent_find(ids.begin(), ids.end()) == ids.end();
+    if (!wellFormed) return OperationFailed(ctx, kName, *reply);
     std::string list;
     for (std::uint8_t id : ids) {
         if (!list.empty()) list.push_back(',');

@@ -71,7 +71,7 @@ std::size_t EndOfCrc(std::span<const std::uint8_t> plain) noexcept {
     return end;
 }
 
-// With Conformance=card: the answer's data length from the file's settings.
+// The answer's data length from the file's settings (0: not known).
 std::size_t LengthFromSettings(const FileCharacteristics& file, const ReadRequest& request) {
     const auto rest = [](std::uint32_t total, std::uint32_t offset) { return total > offset ? total - offset : 0u; };
     switch (file.fileType) {
@@ -94,9 +94,13 @@ std::optional<std::vector<std::uint8_t>> CheckedAnswer(Context& ctx, const FileC
                                                        const ReadRequest& request, const Reply& reply,
                                                        const std::string& comFunction) {
     const cipher::ByteView answer = reply.data.view();
+    const Protection protection = ProtectionOf(file.communicationSettings);
     std::size_t expected = request.expectedLength;
+    // A plain or MACed answer carries its length in itself; the file's
+    // settings say what it must be (the rest of the file, or of its records).
+    if (expected == 0 && protection != Protection::Enciphered) expected = LengthFromSettings(file, request);
     std::vector<std::uint8_t> data;
-    switch (ProtectionOf(file.communicationSettings)) {
+    switch (protection) {
         case Protection::Plain:
             data.assign(answer.begin(), answer.end());
             break;
@@ -135,8 +139,7 @@ std::optional<std::vector<std::uint8_t>> CheckedAnswer(Context& ctx, const FileC
             return std::vector<std::uint8_t>(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(length));
         }
     }
-    // Plain and MACed answers carry their length in themselves; one that
-    // differs from the length asked for is not the answer to this read.
+    // One that differs from the length asked for is not the answer to this read.
     if (expected != 0 && data.size() != expected) {
         OperationFailed(ctx, comFunction, reply);
         return std::nullopt;

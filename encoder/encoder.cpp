@@ -152,6 +152,12 @@ sceReturnCode Encoder::ReadSerialNumber(std::string& SerialNumber) {
             SerialNumber.clear();
             return sceError;
         }
+        // A UID has 4, 7 or 10 bytes (single, double, triple size): anything
+        // else is no serial number a host could file.
+        if (!command::CheckDataLength(s.error, uid, {4, 7, 10}, kName)) {
+            SerialNumber.clear();
+            return sceError;
+        }
         SerialNumber = cipher::ToHex(uid.data.view());
         return sceSuccess;
     });

@@ -79,7 +79,7 @@ Encoder::Impl::Impl(std::shared_ptr<PcscApi> api) : pcsc(api ? std::move(api) : 
 }
 
 mifare::Context Encoder::Impl::mifareContext() {
-    return mifare::Context{channel, error, accessConditions, [this] { return SelectCardInRange(); }};
+    return mifare::Context{channel, error, accessConditions, [this] { return SelectCardInRange(); }, CardConformance()};
 }
 
 desfire::Context Encoder::Impl::desfireContext() {

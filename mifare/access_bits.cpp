@@ -154,6 +154,15 @@ sceReturnCode EncodeTrailerCondition(std::int32_t conditions, std::uint8_t keySc
     return sceSuccess;
 }
 
+bool AccessBytesConsistent(const AccessBytes& access) noexcept {
+    // Byte 6 holds NOT C2 | NOT C1, byte 7 C1 | NOT C3, byte 8 C3 | C2 (high | low nibble).
+    const auto low = [](unsigned byte) { return byte & 0x0Fu; };
+    const auto high = [](unsigned byte) { return byte >> 4; };
+    const auto inverse = [](unsigned nibble) { return ~nibble & 0x0Fu; };
+    return low(access[0]) == inverse(high(access[1])) && high(access[0]) == inverse(low(access[2])) &&
+           low(access[1]) == inverse(high(access[2]));
+}
+
 unsigned ConditionOfBlock(const AccessBytes& access, unsigned blockInSector) noexcept {
     const unsigned c1 = (access[1] >> (4 + blockInSector)) & 1u;
     const unsigned c2 = (access[2] >> blockInSector) & 1u;

@@ -46,8 +46,13 @@ sceReturnCode EncodeDataBlockCondition(const AccessConditionTable& overrides, st
 sceReturnCode EncodeTrailerCondition(std::int32_t conditions, std::uint8_t keyScheme, std::uint8_t mask,
                                      AccessBytes& access) noexcept;
 
-/// C1*4 + C2*2 + C3 of block `blockInSector` (0..3), from bytes 7 and 8 only:
-/// the inverted copy in byte 6 is never consulted.
+/// True when every access bit in bytes 7 and 8 has its inverted copy (in
+/// bytes 6 and 7) beside it, as on every trailer a card can hold: a card
+/// never accepts a trailer whose copies disagree.
+bool AccessBytesConsistent(const AccessBytes& access) noexcept;
+
+/// C1*4 + C2*2 + C3 of block `blockInSector` (0..3), from bytes 7 and 8 (the
+/// inverted copies are checked by AccessBytesConsistent, not here).
 unsigned ConditionOfBlock(const AccessBytes& access, unsigned blockInSector) noexcept;
 
 /// What a data block's condition is reported as: deliberately coarser than

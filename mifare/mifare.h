@@ -25,6 +25,10 @@ struct Context {
     CError& error;  ///< the Encoder's record
     AccessConditionTable& accessConditions;
     std::function<sceReturnCode()> selectCardInRange;  ///< the session's card check; empty = none
+    /// Conformance=card: the sector trailers of the 16-block sectors (32 and
+    /// on, 4K cards) where the card keeps them. Otherwise every sector is
+    /// taken to have four blocks.
+    bool cardConformance = false;
 };
 
 // Every member below reports through ctx.error and returns sceSuccess or
@@ -72,21 +76,29 @@ sceReturnCode MifareWriteBytesInBloc(Context& ctx, std::int32_t BlocNumber, cons
 /// Sets override 1..9 of the data-block conditions to "000".."111"; anything
 /// else is ignored silently. An override can be changed but not emptied.
 void MifareSetAccessCondition(Context& ctx, std::int32_t AccessConditionNumber, const std::string& NewValue);
-/// Writes the trailer of SectorNumber (block 4 * SectorNumber + 3) with KeyA,
-/// KeyB, the access bits encoded from the security values (-1 keeps a
-/// block's current bits) and BX (empty = keep the card's). KeysToUse: 1 =
-/// key A only, 0 = the card's current scheme, other = key B too. Checks, in
-/// order: keys (0x90010B30), security ranges -1..15 (0x90010B32), BX
-/// (0x90010B05); then reads the trailer, encodes (0x90010B32 for a
-/// combination without a condition) and writes once.
+/// Writes the trailer of SectorNumber with KeyA, KeyB, the access bits
+/// encoded from the security values (-1 keeps a block's current bits) and BX
+/// (empty = keep the card's). KeysToUse: 1 = key A only, 0 = the card's
+/// current scheme, other = key B too. Checks, in order: keys (0x90010B30),
+/// security ranges -1..15 (0x90010B32), BX (0x90010B05); then reads the
+/// trailer, refuses one whose access bits disagree with their inverted copies
+/// (0x90010F04), encodes (0x90010B32 for a combination without a condition)
+/// and writes once.
+/// The trailer is block 4 * SectorNumber + 3: every sector is taken to have
+/// four blocks. With Conformance=card, from sector 32 on it is the last of
+/// the sector's 16 blocks, 128 + 16 * (SectorNumber - 32) + 15, and
+/// Security0..2 each govern a group of five data blocks (0-4, 5-9, 10-14),
+/// as a 4K card has it.
 sceReturnCode MifareWriteSectorTrailer(Context& ctx, std::int32_t SectorNumber, const std::string& Key,
                                        std::uint8_t KeyType, const std::string& KeyA, const std::string& KeyB,
                                        std::uint8_t KeysToUse, std::int32_t Security0, std::int32_t Security1,
                                        std::int32_t Security2, std::int32_t Conditions, const Variant& BX);
-/// Reads the trailer of SectorNumber and reports its access bits coarsely:
-/// Security0..2 per data block, KeysUsed (1 = key A only, 2 = key B too) and
-/// Conditions for the trailer, BX = byte 9. The four security outputs are 0
-/// after a failure.
+/// Reads the trailer of SectorNumber (the block MifareWriteSectorTrailer
+/// writes) and reports its access bits coarsely: Security0..2 per data block
+/// (or group of blocks), KeysUsed (1 = key A only, 2 = key B too) and
+/// Conditions for the trailer, BX = byte 9. Access bits that disagree with
+/// their inverted copies are no trailer: 0x90010F04. The four security
+/// outputs are 0 after a failure.
 sceReturnCode MifareReadSectorTrailer(Context& ctx, std::int32_t SectorNumber, const std::string& Key,
                                       std::uint8_t KeyType, std::uint8_t& KeysUsed, std::int32_t& Security0,
                                       std::int32_t& Security1, std::int32_t& Security2, std::int32_t& Conditions,

@@ -19,15 +19,12 @@ using command::cmd::LoadKey;
 using command::cmd::ReadBinary;
 using command::cmd::WriteBinary;
 
-// The host platform read the serial from the block's first hex digits (up
-// to eight): up to four digits as a 16-bit Integer, more as a 32-bit Long,
-// both two's complement. A short answer gives fewer digits.
-std::int32_t SerialOf(const cipher::SecretBuffer& data) noexcept {
-    const std::size_t bytes = std::min<std::size_t>(data.size(), 4);
+// Bytes 0-3 of block 0, read as a signed 32-bit number: a first byte from
+// 80h on gives a negative serial.
+std::int32_t SerialOf(const cipher::SecretBuffer& block) noexcept {
     std::uint32_t value = 0;
-    for (std::size_t i = 0; i < bytes; ++i)
-        value = value << 8 | data[i];
-    if (bytes <= 2) return static_cast<std::int16_t>(static_cast<std::uint16_t>(value));
+    for (std::size_t i = 0; i < 4; ++i)
+        value = value << 8 | block[i];
     return static_cast<std::int32_t>(value);
 }
 
@@ -59,6 +56,7 @@ std::optional<cipher::SecretBuffer> ReadBlock(Context& ctx, std::int32_t block, 
         command::RecordFailure(Record(ctx), read, comFunction);
         return std::nullopt;
     }
+    if (!command::CheckDataLength(Record(ctx), read, {BlockSize}, comFunction)) return std::nullopt;
     return std::move(read.data);
 }
 
@@ -116,8 +114,8 @@ sceReturnCode MifareReadManufacturerCode(Context& ctx, const std::string& Key, s
         return sceError;
     }
     SerialNumber = SerialOf(*data);
-    CheckSum = ByteAt(*data, kCheckByte);
-    ManufacturerInfo = data->size() > kCheckByte ? cipher::ToHex(data->view().subspan(kCheckByte + 1)) : std::string{};
+    CheckSum = (*data)[kCheckByte];
+    ManufacturerInfo = cipher::ToHex(data->view().subspan(kCheckByte + 1));
     command::ClearError(Record(ctx), kName);
     return sceSuccess;
 }
@@ -151,7 +149,7 @@ sceReturnCode MifareWriteBytesInBloc(Context& ctx, std::int32_t BlocNumber, cons
     // reported only once the sector has been opened.
     const bool holdsKeys = IsSectorTrailer(BlocNumber);
     const auto old = ReadBlock(ctx, BlocNumber, Key, KeyType, holdsKeys, kName);
-    if (!old || old->size() != BlockSize) {
+    if (!old) {
         FailUnlessNumbered(ctx, ErrorNumber::ReadError, kName);
         return sceError;
     }

@@ -1,10 +1,13 @@
 // Sector trailers: the host's security wishes written as access bits, and
 // the trailer read back into the same coarse terms.
 #include <array>
+#include <optional>
 #include <string>
 
 #include "cipher/bytes.h"
+#include "command/encoder_command.h"
 #include "command/error_record.h"
+#include "command/outcome.h"
 #include "mifare/access_bits.h"
 #include "mifare/block.h"
 #include "mifare/mifare.h"
@@ -28,10 +31,32 @@ bool IsSecurityInRange(std::int32_t value) noexcept {
     return value >= kKeepCondition && value <= kHighestSecurity;
 }
 
-// A short answer leaves the bytes it lacks at 0.
-AccessBytes AccessBytesOf(const cipher::SecretBuffer& trailer) noexcept {
-    return {ByteAt(trailer, kAccessByteIndex), ByteAt(trailer, kAccessByteIndex + 1),
-            ByteAt(trailer, kAccessByteIndex + 2)};
+// The first sector of 16 blocks on a 4K card, and its first block.
+constexpr std::int64_t kFirstLargeSector = 32;
+constexpr std::int64_t kFirstLargeSectorBlock = 128;
+constexpr std::int64_t kLargeSectorBlocks = 16;
+
+// The trailer as the 4K card keeps it in the sectors of 16 blocks.
+std::int32_t LargeSectorTrailer(std::int32_t sector) {
+    return CheckedLong(kFirstLargeSectorBlock + kLargeSectorBlocks * (sector - kFirstLargeSector) + kLargeSectorBlocks -
+                       1);
+}
+
+bool InLargeSector(const Context& ctx, std::int32_t sector) noexcept {
+    return ctx.cardConformance && sector >= kFirstLargeSector;
+}
+
+// The access bytes of a trailer the card gave, once they agree with their
+// inverted copies; a trailer that fails is recorded under `comFunction`.
+std::optional<AccessBytes> CheckedAccessBytes(Context& ctx, const cipher::SecretBuffer& trailer,
+                                              const std::string& comFunction) {
+    const AccessBytes access{trailer[kAccessByteIndex], trailer[kAccessByteIndex + 1], trailer[kAccessByteIndex + 2]};
+    if (!AccessBytesConsistent(access)) {
+        command::RecordMalformedAnswer(Record(ctx), command::CommandName(command::cmd::ReadBinary),
+                                       "Access bits differ from their inverted copy", comFunction);
+        return std::nullopt;
+    }
+    return access;
 }
 
 }  // namespace
@@ -75,8 +100,12 @@ sceReturnCode MifareWriteSectorTrailer(Context& ctx, std::int32_t SectorNumber, 
 
     std::int32_t trailerBlock = 0;
     try {
-        const std::int32_t firstBlock = CheckedLong(std::int64_t{4} * SectorNumber);
-        trailerBlock = CheckedLong(std::int64_t{firstBlock} + 3);
+        if (InLargeSector(ctx, SectorNumber)) {
+            trailerBlock = LargeSectorTrailer(SectorNumber);
+        } else {
+            const std::int32_t firstBlock = CheckedLong(std::int64_t{4} * SectorNumber);
+            trailerBlock = CheckedLong(std::int64_t{firstBlock} + 3);
+        }
     } catch (...) {
         command::RecordRuntimeError(Record(ctx), kName);
         return sceError;
@@ -91,6 +120,8 @@ sceReturnCode MifareWriteSectorTrailer(Context& ctx, std::int32_t SectorNumber, 
         NameFailure(ctx, kName);
         return sceError;
     }
+    const std::optional<AccessBytes> currentAccess = CheckedAccessBytes(ctx, *current, kName);
+    if (!currentAccess) return sceError;
     std::uint8_t keysUsed = 0;
     std::int32_t unused0 = 0;
     std::int32_t unused1 = 0;
@@ -103,7 +134,7 @@ sceReturnCode MifareWriteSectorTrailer(Context& ctx, std::int32_t SectorNumber, 
     }
     const std::uint8_t keyScheme = KeysToUse == 0 ? keysUsed : KeysToUse;
 
-    trailer.access = AccessBytesOf(*current);
+    trailer.access = *currentAccess;
     const std::array<sceReturnCode, 4> encoded{
         EncodeDataBlockCondition(ctx.accessConditions, Security0, keyScheme, MaskOfBlock(0), trailer.access),
         EncodeDataBlockCondition(ctx.accessConditions, Security1, keyScheme, MaskOfBlock(1), trailer.access),
@@ -139,11 +170,15 @@ sceReturnCode MifareReadSectorTrailer(Context& ctx, std::int32_t SectorNumber, c
 
     std::int32_t trailerBlock = 0;
     try {
-        // The same block as on a write, but counted from the next sector: it
-        // overflows the 32-bit range one sector earlier.
-        const std::int32_t nextSector = CheckedLong(std::int64_t{SectorNumber} + 1);
-        const std::int32_t nextFirstBlock = CheckedLong(std::int64_t{nextSector} * 4);
-        trailerBlock = CheckedLong(std::int64_t{nextFirstBlock} - 1);
+        if (InLargeSector(ctx, SectorNumber)) {
+            trailerBlock = LargeSectorTrailer(SectorNumber);
+        } else {
+            // The same block as on a write, but counted from the next sector:
+            // it overflows the 32-bit range one sector earlier.
+            const std::int32_t nextSector = CheckedLong(std::int64_t{SectorNumber} + 1);
+            const std::int32_t nextFirstBlock = CheckedLong(std::int64_t{nextSector} * 4);
+            trailerBlock = CheckedLong(std::int64_t{nextFirstBlock} - 1);
+        }
     } catch (...) {
         command::RecordRuntimeError(Record(ctx), kName);
         return sceError;
@@ -163,8 +198,10 @@ sceReturnCode MifareReadSectorTrailer(Context& ctx, std::int32_t SectorNumber, c
         return sceError;
     }
 
-    const AccessBytes access = AccessBytesOf(*trailer);
-    BX = ByteAt(*trailer, kBxByteIndex);
+    const std::optional<AccessBytes> checked = CheckedAccessBytes(ctx, *trailer, kName);
+    if (!checked) return sceError;
+    const AccessBytes& access = *checked;
+    BX = (*trailer)[kBxByteIndex];
     Security0 = DataBlockSecurityOf(ConditionOfBlock(access, 0));
     Security1 = DataBlockSecurityOf(ConditionOfBlock(access, 1));
     Security2 = DataBlockSecurityOf(ConditionOfBlock(access, 2));

@@ -13,9 +13,10 @@
 
 namespace elatectwn4::mifare {
 
-/// Opens the block's sector and reads it: the card's answer data, of
-/// whatever length it gave. nullopt after a failure, recorded by the
-/// authentication step or, for the read itself, under `comFunction`.
+/// Opens the block's sector and reads it: the block's 16 bytes. nullopt
+/// after a failure, recorded by the authentication step or, for the read
+/// itself, under `comFunction`; an answer of any other length is a failure
+/// (0x90010F04 saying how many bytes came).
 std::optional<cipher::SecretBuffer> ReadBlock(Context& ctx, std::int32_t block, const std::string& key,
                                               std::uint8_t keyType, bool holdsKeys, const std::string& comFunction);
 
@@ -23,10 +24,5 @@ std::optional<cipher::SecretBuffer> ReadBlock(Context& ctx, std::int32_t block, 
 /// ReadBlock records it.
 sceReturnCode WriteBlock(Context& ctx, std::int32_t block, const std::string& key, std::uint8_t keyType,
                          const Block& data, bool holdsKeys, const std::string& comFunction);
-
-/// Byte `index` of an answer; a byte the answer does not hold reads as 0.
-inline std::uint8_t ByteAt(const cipher::SecretBuffer& data, std::size_t index) noexcept {
-    return index < data.size() ? data[index] : 0;
-}
 
 }  // namespace elatectwn4::mifare

@@ -74,6 +74,12 @@ public:
     ///                take the length from the file's settings instead of the
     ///                zero padding, so data whose CRC ends in a zero byte
     ///                reads back whole instead of one byte short.
+    ///                MifareWriteSectorTrailer and MifareReadSectorTrailer of
+    ///                sectors 32..39 of a 4K card (16 blocks each) use the
+    ///                sector's real trailer, block 128 + 16 * (n - 32) + 15,
+    ///                and Security0..2 then govern its data blocks 0-4, 5-9
+    ///                and 10-14, instead of block 4 * n + 3, a data block of
+    ///                another sector, where the keys would be readable.
     /// Every other key is ignored.
     void Parameters(const std::string& text);
     /// "Pellucid|Elatec TWN4|<major>.<minor>.<revision>|1|<n>|<capabilities>".
@@ -87,6 +93,13 @@ public:
     void ReOpenEncoder();
     /// Disconnects the card and releases the context; closing twice is fine.
     sceReturnCode CloseEncoder();
+
+    // Every member that reads from the card checks the answer's form before
+    // it uses it: an answer without a status word, a UID that is not 4, 7 or
+    // 10 bytes, a block that is not 16 bytes, a trailer whose access bits
+    // disagree with their inverted copies fail with 0x90010F04 "Encoder
+    // command failed", RdrRetCode saying what arrived (DESFire members: their
+    // own number, most often 0x90010E03); nothing is written from it.
 
     // ---- Card identity ---------------------------------------------------
     /// The card's UID as contiguous hex digits ("04A1B2C3D4E5F6").

@@ -130,5 +130,38 @@ TEST(RecordFailure, WritesWhatTheCommandCameToUnderTheMembersName) {
     }
 }
 
+TEST(CheckDataLength, PassesTheLengthsAllowedAndRecordsAnyOtherWithWhatArrived) {
+    struct Case {
+        std::size_t size;
+        std::initializer_list<std::size_t> allowed;
+        std::string record;  // empty: passes, the record untouched
+    };
+    const std::string failed = "Encoder command failed";
+    const Case cases[] = {
+        {16, {16}, ""},
+        {7, {4, 7, 10}, ""},
+        {0,
+         {16},
+         RecordText(0x90010F04, failed, 0, "Member", "SCardTransmit:GetUID", "Answer of 0 data bytes, expected 16")},
+        {18,
+         {4, 10},
+         RecordText(0x90010F04, failed, 0, "Member", "SCardTransmit:GetUID",
+                    "Answer of 18 data bytes, expected 4 or 10")},
+        {5,
+         {4, 7, 10},
+         RecordText(0x90010F04, failed, 0, "Member", "SCardTransmit:GetUID",
+                    "Answer of 5 data bytes, expected 4, 7 or 10")},
+    };
+    for (const Case& c : cases) {
+        Outcome outcome;
+        outcome.command = "GetUID";
+        outcome.data.Resize(c.size);
+        CError record = Filled();
+        const std::string before = RecordText(record);
+        EXPECT_EQ(CheckDataLength(record, outcome, c.allowed, "Member"), c.record.empty()) << c.size;
+        EXPECT_EQ(RecordText(record), c.record.empty() ? before : c.record);
+    }
+}
+
 }  // namespace
 }  // namespace elatectwn4::command

@@ -143,7 +143,10 @@ TEST_F(DesfireApdu, ARefusedAuthenticationReportsItsStepAndKeepsThePreviousSessi
         {{{"5AA1B2C3", "00"}, {"0A03", "AF 010203"}}, connect("AF")},
         {{{"5AA1B2C3", "00"}, {"0A03", "AF" + ToHex(card.Challenge()) + "00"}}, connect("AF")},
         {{{"5AA1B2C3", "00"}, {"0A03", "00" + ToHex(card.Challenge())}}, connect("00")},
-        {{{"5AA1B2C3", "00"}, {"0A03", ""}}, connect("FFFF")},
+        // No status at all is no answer: the command layer's record.
+        {{{"5AA1B2C3", "00"}, {"0A03", ""}},
+         Line(ErrorNumber::CommandFailed, "DESFireSelectApplication:EncoderCommand",
+              "SCardTransmit:DesfireAuthenticate", "No status word in the answer: nothing received")},
         {{{"5AA1B2C3", "00"}, {"0A03", challenge}, {anyToken, "AE"}},
          Line(ErrorNumber::AuthenticationFailure, "DESFireSelectApplication", "DesfireAuthenticate3", "AE")},
         {{{"5AA1B2C3", "00"}, {"0A03", challenge}, {token, "00" + ToHex(card.Proof(Hex("0000000000000000")))}},

@@ -214,6 +214,11 @@ TEST_F(DesfireFiles, RefusalsAndMalformedAnswersEndInTheirOwnRecord) {
               "AE")},
         {[&](Context& c) { return DESFireGetFileIDs(c, ids); }, "6F", "AE",
          Line(ErrorNumber::OperationFailed, "DESFireGetFileIDs", "SCardTransmit:DesfireGetFileIDs", "AE")},
+        // File numbers run from 0 to 31, each at most once.
+        {[&](Context& c) { return DESFireGetFileIDs(c, ids); }, "6F", "00 05 01 05",
+         Line(ErrorNumber::OperationFailed, "DESFireGetFileIDs", "SCardTransmit:DesfireGetFileIDs", "00")},
+        {[&](Context& c) { return DESFireGetFileIDs(c, ids); }, "6F", "00 01 20",
+         Line(ErrorNumber::OperationFailed, "DESFireGetFileIDs", "SCardTransmit:DesfireGetFileIDs", "00")},
         {[&](Context& c) { return DESFireGetFileSettings(c, 1, information); }, "F501", "F0",
          Line(ErrorNumber::OperationFailed, "DESFireGetFileSettings", "SCardTransmit:DesfireGetFileSettings", "F0")},
         // A data file's record is 7 bytes, a value file's 17, a record file's 13.

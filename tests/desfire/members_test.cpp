@@ -291,6 +291,9 @@ TEST_F(DesfireMembers, AnAnswerOtherThanCompletionOrOfTheWrongShapeFails) {
          "DESFireGetApplications", "DesfireGetApplications", "00"},
         {kCard, [this](Context& c) { return DESFireGetVersion(c, dfvAllData, information); }, "60", "00 0401",
          "DESFireGetVersion", "DesfireGetVersion", "00"},
+        // Each frame has its size: 7, 7, then 14 bytes.
+        {kCard, [this](Context& c) { return DESFireGetVersion(c, dfvAllData, information); }, "60",
+         "AF 04010101001805 04", "DESFireGetVersion", "DesfireGetVersion", "AF"},
         {kApp, [this](Context& c) { return DESFireGetKeyVersion(c, 1, keyVersion); }, "6401", "40",
          "DESFireGetKeyVersion", "DesfireGetKeyVersion", "40"},
         {kApp, [this](Context& c) { return DESFireGetKeyVersion(c, 1, keyVersion); }, "6401", "00",

@@ -300,18 +300,23 @@ TEST_P(SerialNumber, IsTheWholeUidInContiguousHexOrEmptyWithTheRecord) {
     EXPECT_EQ(Of(encoder->LastError()), c.record);
 }
 
-INSTANTIATE_TEST_SUITE_P(Answers, SerialNumber,
-                         ::testing::Values(UidCase{"OneFrame", "04 A1 B2 C3 D4 E5 F6 90 00", nullptr, 0,
-                                                   "04A1B2C3D4E5F6", Cleared("ReadSerialNumber")},
-                                           UidCase{"TwoFrames", "04 A1 B2 C3 91 AF", "D4 E5 F6 90 00", 0,
-                                                   "04A1B2C3D4E5F6", Cleared("ReadSerialNumber")},
-                                           UidCase{"Refused", "6A 81", nullptr, 0, "",
-                                                   Failure(kCommandFailed, "Encoder command failed", "ReadSerialNumber",
-                                                           "SCardTransmit:GetUID", "6A81")},
-                                           UidCase{"CardRemovedMeanwhile", nullptr, nullptr, kRemovedCard, "",
-                                                   Failure(kCommandFailed, "Encoder command failed", "ReadSerialNumber",
-                                                           "SCardTransmit:GetUID", Text(kRemovedCard))}),
-                         [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(
+    Answers, SerialNumber,
+    ::testing::Values(
+        UidCase{"OneFrame", "04 A1 B2 C3 D4 E5 F6 90 00", nullptr, 0, "04A1B2C3D4E5F6", Cleared("ReadSerialNumber")},
+        UidCase{"TwoFrames", "04 A1 B2 C3 91 AF", "D4 E5 F6 90 00", 0, "04A1B2C3D4E5F6", Cleared("ReadSerialNumber")},
+        UidCase{"Refused", "6A 81", nullptr, 0, "",
+                Failure(kCommandFailed, "Encoder command failed", "ReadSerialNumber", "SCardTransmit:GetUID", "6A81")},
+        UidCase{"OnlyAStatus", "90 00", nullptr, 0, "",
+                Failure(kCommandFailed, "Encoder command failed", "ReadSerialNumber", "SCardTransmit:GetUID",
+                        "Answer of 0 data bytes, expected 4, 7 or 10")},
+        UidCase{"FiveBytes", "04 A1 B2 C3 D4 90 00", nullptr, 0, "",
+                Failure(kCommandFailed, "Encoder command failed", "ReadSerialNumber", "SCardTransmit:GetUID",
+                        "Answer of 5 data bytes, expected 4, 7 or 10")},
+        UidCase{"CardRemovedMeanwhile", nullptr, nullptr, kRemovedCard, "",
+                Failure(kCommandFailed, "Encoder command failed", "ReadSerialNumber", "SCardTransmit:GetUID",
+                        Text(kRemovedCard))}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(Session, ACardSwappedBetweenCommandsIsIdentifiedAfresh) {
     // Fragments are written as the ATR text shows bytes: blank-separated.

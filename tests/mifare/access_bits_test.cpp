@@ -61,6 +61,26 @@ TEST(AccessBits, EveryConditionOnEveryBlockReadsBackAndLeavesTheOtherBlocksAlone
     }
 }
 
+TEST(AccessBytesConsistent, AgreesWithTheCardsReadingOfEveryBlock) {
+    std::mt19937 random(20261122);
+    for (int round = 0; round < 20000; ++round) {
+        // Half written by SetAccessBits, half any three bytes at all.
+        AccessBytes a{};
+        if (round % 2 == 0) {
+            for (unsigned b = 0; b < 4; ++b)
+                SetAccessBits(kAllConditions[random() % 8], MaskOfBlock(b), a);
+            if (round % 4 == 0) a[random() % 3] ^= static_cast<std::uint8_t>(1u << (random() % 8));
+        } else {
+            for (auto& byte : a)
+                byte = static_cast<std::uint8_t>(random());
+        }
+        bool cardReadsAll = true;
+        for (unsigned b = 0; b < 4; ++b)
+            cardReadsAll = cardReadsAll && CardConditionOf(a, b).has_value();
+        EXPECT_EQ(AccessBytesConsistent(a), cardReadsAll) << int(a[0]) << " " << int(a[1]) << " " << int(a[2]);
+    }
+}
+
 TEST(IsSectorTrailer, FollowsTheSectorsOfFourAndOfSixteenBlocks) {
     for (const std::int32_t block : {3, 7, 127, 143, 255})
         EXPECT_TRUE(IsSectorTrailer(block)) << block;

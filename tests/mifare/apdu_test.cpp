@@ -5,9 +5,11 @@
 #include <cstdint>
 #include <functional>
 #include <limits>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "command/channel.h"
@@ -172,9 +174,6 @@ TEST_F(MifareApdu, WriteBytesInBlocSplicesTheNewBytesIntoTheBlockItRead) {
         {old, 5, 4, "1122", "", "1122", ErrorNumber::IncorrectOffsets},
         {old, 16, 16, "1122", "", "1122", ErrorNumber::IncorrectOffsets},
         {old, 15, 16, "1122", "", "1122", ErrorNumber::IncorrectOffsets},
-        // A read that gave no whole block.
-        {"0001020304050607", 0, 0, "11", "", "11", ErrorNumber::ReadError},
-        {old + "10", 0, 0, "11", "", "11", ErrorNumber::ReadError},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.read + " bytes " + std::to_string(row.from) + ".." + std::to_string(row.to));
@@ -189,7 +188,7 @@ TEST_F(MifareApdu, WriteBytesInBlocSplicesTheNewBytesIntoTheBlockItRead) {
     }
 }
 
-TEST_F(MifareApdu, ReadManufacturerCodeSplitsBlockZeroAsTheHostPlatformReadItsDigits) {
+TEST_F(MifareApdu, ReadManufacturerCodeSplitsBlockZero) {
     struct Row {
         std::string block;
         std::int32_t serial;
@@ -199,10 +198,6 @@ TEST_F(MifareApdu, ReadManufacturerCodeSplitsBlockZeroAsTheHostPlatformReadItsDi
     const Row rows[] = {
         {"F1234567 89 0804006263646566676869", static_cast<std::int32_t>(0xF1234567u), 0x89, "0804006263646566676869"},
         {"7A1B2C3D 70 88040047C1234D57103112", 0x7A1B2C3D, 0x70, "88040047C1234D57103112"},
-        // Four digits or fewer were read as a 16-bit Integer, six as a Long.
-        {"F123", static_cast<std::int16_t>(0xF123), 0, ""},
-        {"F12345", 0xF12345, 0, ""},
-        {"01020304 05", 0x01020304, 5, ""},
     };
     for (const Row& row : rows) {
         std::int32_t serial = 1;
@@ -296,6 +291,69 @@ TEST_F(MifareApdu, EveryMemberStopsAtTheFirstFailedCommandAndRecordsItUnderTheRi
     }
 }
 
+TEST_F(MifareApdu, AnAnswerOfTheWrongShapeFailsTheMemberAndNothingIsWritten) {
+    const std::string block = "00112233445566778899AABBCCDDEEFF";
+    const std::string wst = "MifareWriteSectorTrailer";
+    const std::string rst = "MifareReadSectorTrailer";
+    const std::string mixedCopies = "Access bits differ from their inverted copy";
+    struct Row {
+        std::string member;
+        Steps steps;  // up to the malformed answer, the last step
+        std::string retCode;
+        std::string comFunction = {};  // empty: the member's
+    };
+    const Row rows[] = {
+        {"MifareReadDataBloc", Auth(4, "60") + Read(4, ""), "Answer of 0 data bytes, expected 16"},
+        {"MifareReadDataBloc", Auth(4, "60") + Read(4, block + "10"), "Answer of 17 data bytes, expected 16"},
+        {"MifareReadDataBloc", Auth(4, "60") + Steps{{"FF B0 00 04 00", "90"}},
+         "No status word in the answer: received 90"},
+        {"MifareReadManufacturerCode", Auth(0, "60") + Read(0, "F123"), "Answer of 2 data bytes, expected 16"},
+        {"MifareWriteBytesInBloc", Auth(6, "60") + Read(6, "0001020304050607"), "Answer of 8 data bytes, expected 16"},
+        {rst, Auth(7, "60") + Auth(7, "60") + Read(7, "000000000000 000A56 01 FFFFFFFFFFFF"), mixedCopies},
+        {rst, Auth(7, "60") + Auth(7, "60") + Read(7, "000000000000 FF0789"), "Answer of 9 data bytes, expected 16"},
+        {wst, Auth(7, "60") + Read(7, "000000000000 FF0788 69 FFFFFFFFFFFF"), mixedCopies},
+        {wst, Auth(7, "60") + Read(7, kTransportTrailer) + Auth(7, "60") + Auth(7, "60") + Read(7, block), mixedCopies,
+         rst},
+    };
+    const std::map<std::string, std::function<sceReturnCode()>> members = {
+        {"MifareReadDataBloc",
+         [&] {
+             std::string contents = "x";
+             const sceReturnCode result = MifareReadDataBloc(ctx, 4, kKey, 0, contents);
+             EXPECT_EQ(contents, "");
+             return result;
+         }},
+        {"MifareReadManufacturerCode",
+         [&] {
+             std::int32_t serial = 9;
+             std::uint8_t check = 9;
+             std::string info;
+             const sceReturnCode result = MifareReadManufacturerCode(ctx, kKey, 0, serial, check, info);
+             EXPECT_EQ(serial, 0);
+             EXPECT_EQ(check, 0);
+             return result;
+         }},
+        {"MifareWriteBytesInBloc",
+         [&] {
+             std::string contents = "EE";
+             return MifareWriteBytesInBloc(ctx, 6, kKey, 0, 2, 2, contents);
+         }},
+        {rst,
+         [&] {
+             std::uint8_t keys = 9, bx = 9;
+             std::int32_t s0 = 9, s1 = 9, s2 = 9, cond = 9;
+             return MifareReadSectorTrailer(ctx, 1, kKey, 0, keys, s0, s1, s2, cond, bx);
+         }},
+        {wst, [&] { return MifareWriteSectorTrailer(ctx, 1, kKey, 0, kKeyB, kKeyB, 0, 0, 0, 0, 0, {}); }},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.member + ": " + row.retCode);
+        EXPECT_EQ(Play(row.steps, members.at(row.member)), sceError);
+        EXPECT_EQ(record,
+                  CardRefusal(row.comFunction.empty() ? row.member : row.comFunction, "ReadBinary", row.retCode));
+    }
+}
+
 // ---- Sector trailers --------------------------------------------------------------
 
 // The two reads a trailer write starts with (the raw block, then the decoding
@@ -315,7 +373,9 @@ TEST_F(MifareApdu, WriteSectorTrailerComposesKeysAccessBitsAndBX) {
         std::uint8_t keysToUse;
         std::int32_t s0, s1, s2, conditions;
         Variant bx;
-        std::string written;  // bytes 6..9
+        std::string written;     // bytes 6..9
+        std::int32_t block = 0;  // 0: 4 * sector + 3
+        bool card = false;       // Conformance=card
     };
     const Row rows[] = {
         // Block 0 "110", block 1 "101", block 2 kept ("000"), trailer "011"; the card's BX.
@@ -333,16 +393,21 @@ TEST_F(MifareApdu, WriteSectorTrailerComposesKeysAccessBitsAndBX) {
         // The transport trailer ("001") reads back as key A only, where "A
         // read" has a condition the key-B scheme would refuse.
         {"the card's scheme", 2, 2, kTransportTrailer, 0, scbs_A_Read, -1, -1, -1, std::int32_t{0}, "FF0690 00"},
-        {"all kept on inconsistent bytes", 0, 0, "000000000000 123456 5A 000000000000", 2, -1, -1, -1, -1,
-         std::string("&H42"), "123456 42"},
-        // Sectors of four blocks are assumed throughout, even in a 4K card.
-        {"sector 31", 31, 0, kTransportTrailer, 0, -1, -1, -1, -1, {}, "FF078069"},
-        {"sector 32", 32, 0, kTransportTrailer, 0, -1, -1, -1, -1, {}, "FF078069"},
-        {"sector 39", 39, 0, kTransportTrailer, 0, -1, -1, -1, -1, {}, "FF078069"},
+        {"all kept, BX given", 0, 0, "000000000000 7F0788 5A 000000000000", 2, -1, -1, -1, -1, std::string("&H42"),
+         "7F0788 42"},
+        // By default sectors of four blocks are assumed throughout, even in a
+        // 4K card; with Conformance=card its sectors 32..39 have 16 blocks.
+        {"sector 31", 31, 0, kTransportTrailer, 0, -1, -1, -1, -1, {}, "FF078069", 127},
+        {"sector 32", 32, 0, kTransportTrailer, 0, -1, -1, -1, -1, {}, "FF078069", 131},
+        {"sector 39", 39, 0, kTransportTrailer, 0, -1, -1, -1, -1, {}, "FF078069", 159},
+        {"card: sector 31", 31, 0, kTransportTrailer, 0, -1, -1, -1, -1, {}, "FF078069", 127, true},
+        {"card: sector 32", 32, 0, kTransportTrailer, 0, -1, -1, -1, -1, {}, "FF078069", 143, true},
+        {"card: sector 39", 39, 0, kTransportTrailer, 0, -1, -1, -1, -1, {}, "FF078069", 255, true},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.what);
-        const std::int32_t block = 4 * row.sector + 3;
+        ctx.cardConformance = row.card;
+        const std::int32_t block = row.block != 0 ? row.block : 4 * row.sector + 3;
         const std::string keyType = row.keyType == 2 ? "61" : "60";
         const Steps steps = TrailerWrite(block, row.current, kKey + row.written + kKeyB, keyType);
         cardChecks = 0;
@@ -450,16 +515,23 @@ TEST_F(MifareApdu, ASectorNumberWhoseTrailerBlockOverflowsIsARunTimeError) {
     EXPECT_EQ(record, overflow);
 }
 
-TEST_F(MifareApdu, ReadSectorTrailerReadsBytesSevenToNineOnly) {
-    // Block 0 "001", block 1 "010", block 2 "011", trailer "000"; byte 6, the
-    // inverted copy, says otherwise and is never consulted.
-    std::uint8_t keys = 0, bx = 0;
-    std::int32_t s0 = -9, s1 = -9, s2 = -9, cond = -9;
-    EXPECT_EQ(Play(Auth(11, "60") + Auth(11, "60") + Read(11, "000000000000 000A56 01 FFFFFFFFFFFF"),
-                   [&] { return MifareReadSectorTrailer(ctx, 2, kKey, 0, keys, s0, s1, s2, cond, bx); }),
-              sceSuccess);
-    EXPECT_EQ((std::vector<std::int32_t>{keys, s0, s1, s2, cond, bx}), (std::vector<std::int32_t>{1, 5, 5, 12, 1, 1}));
-    EXPECT_EQ(record, Cleared("MifareReadSectorTrailer"));
+TEST_F(MifareApdu, ReadSectorTrailerDecodesTheAccessBitsOfTheTrailerBlock) {
+    // Block 0 "001", block 1 "010", block 2 "011", trailer "000".
+    const std::string trailer = "000000000000 9F0A56 01 FFFFFFFFFFFF";
+    const std::tuple<std::int32_t, std::int32_t, bool> rows[] = {
+        {2, 11, false}, {32, 131, false}, {32, 143, true}, {39, 255, true}, {31, 127, true}};
+    for (const auto& [sector, block, card] : rows) {
+        SCOPED_TRACE(sector);
+        ctx.cardConformance = card;
+        std::uint8_t keys = 0, bx = 0;
+        std::int32_t s0 = -9, s1 = -9, s2 = -9, cond = -9;
+        EXPECT_EQ(Play(Auth(block, "60") + Auth(block, "60") + Read(block, trailer),
+                       [&] { return MifareReadSectorTrailer(ctx, sector, kKey, 0, keys, s0, s1, s2, cond, bx); }),
+                  sceSuccess);
+        EXPECT_EQ((std::vector<std::int32_t>{keys, s0, s1, s2, cond, bx}),
+                  (std::vector<std::int32_t>{1, 5, 5, 12, 1, 1}));
+        EXPECT_EQ(record, Cleared("MifareReadSectorTrailer"));
+    }
 }
 
 TEST_F(MifareApdu, ReadSectorTrailerStopsWhenNoCardIsInTheField) {

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "cipher/bytes.h"
 #include "elatectwn4/encoder.h"
 #include "mifare/access_bits.h"
 #include "record_matchers.h"
@@ -155,6 +156,38 @@ TEST_F(MifareThroughEncoder, ATrailerWrittenIsWhatTheCardDecodesAndReadsBack) {
     ASSERT_EQ(encoder.WriteSectorTrailer(1, kKeyB, 2, kKeyA, kKeyB, 0, -1, -1, -1, -1, std::string("17")), sceSuccess);
     EXPECT_EQ(trailer[9], 17);
     EXPECT_TRUE(std::equal(trailer.begin() + 6, trailer.begin() + 9, before.begin() + 6));
+}
+
+TEST_F(MifareThroughEncoder, A4KSectorOf16BlocksHasItsTrailerWhereTheCardKeepsItUnderConformanceCard) {
+    auto card = std::dynamic_pointer_cast<sim::MifareClassicCard>(sim::MakeCard("mifare4k"));
+    pcsc->Readers()[0]->Insert(card);
+    ASSERT_EQ(encoder.OpenEncoder(), sceSuccess);
+    const sim::Block fresh131 = card->RawBlock(131);
+
+    // By default the trailer of sector 32 is block 4 * 32 + 3 = 131, a data
+    // block whose bytes are no trailer: refused, nothing written.
+    EXPECT_EQ(encoder.WriteSectorTrailer(32, kTransportKey, 0, kKeyA, kKeyB, 2, -1, -1, -1, -1), sceError);
+    EXPECT_EQ(encoder.LastError(), mifare_test::CardRefusal("MifareWriteSectorTrailer", "ReadBinary",
+                                                            "Access bits differ from their inverted copy"));
+    EXPECT_EQ(card->RawBlock(131), fresh131);
+
+    // The card's own layout: block 143, and Security0 governs blocks 128..132.
+    encoder.Parameters("Conformance=card");
+    ASSERT_EQ(encoder.WriteSectorTrailer(32, kTransportKey, 0, kKeyA, kKeyB, 2, scbs_B_ReadWrite, -1, -1,
+                                         scss_B_WriteKeysConditions),
+              sceSuccess)
+        << testing::PrintToString(encoder.LastError());
+    EXPECT_EQ(card->RawBlock(131), fresh131);
+    EXPECT_EQ(cipher::ToHex(std::span(card->RawBlock(143)).first(6)), kKeyA);
+    std::string contents;
+    EXPECT_EQ(encoder.ReadDataBloc(132, kKeyA, 0, contents), sceError) << "block 132 is key B's alone now";
+    EXPECT_EQ(encoder.ReadDataBloc(132, kKeyB, 2, contents), sceSuccess);
+
+    std::uint8_t keysUsed = 0, bx = 0;
+    std::int32_t s0 = -9, s1 = -9, s2 = -9, cond = -9;
+    ASSERT_EQ(encoder.ReadSectorTrailer(32, kKeyB, 2, keysUsed, s0, s1, s2, cond, bx), sceSuccess);
+    EXPECT_EQ((std::vector<std::int32_t>{keysUsed, s0, s1, s2, cond, bx}),
+              (std::vector<std::int32_t>{2, scbs_B_ReadWrite, 15, 15, scss_B_WriteKeysConditions, 0x69}));
 }
 
 // Every data-block security value under both schemes, written to a fresh

@@ -48,12 +48,16 @@ TEST(TrailerTrace, HoldsNoKeyByteInSmallAndLargeSectors) {
     struct Sector {
         const char* card;
         std::int32_t number;
-        bool trailer;  // whether block 4n + 3 is a trailer on this card
+        bool trailer;  // whether the block written is a trailer on this card
+        unsigned block;
+        bool cardConformance = false;
     };
-    // 4 * 32 + 3 = 131 is a data block of the 16-block sector 32; 4 * 39 + 3 =
-    // 159 is the trailer of sector 33.
-    for (const Sector& sector : {Sector{"mifare1k", 5, true}, Sector{"mifare4k", 20, true},
-                                 Sector{"mifare4k", 32, false}, Sector{"mifare4k", 39, true}}) {
+    // By default 4 * 32 + 3 = 131 is a data block of the 16-block sector 32
+    // and 4 * 39 + 3 = 159 the trailer of sector 33; the card's own layout
+    // puts the trailers of sectors 32 and 39 at 143 and 255.
+    for (const Sector& sector : {Sector{"mifare1k", 5, true, 23}, Sector{"mifare4k", 20, true, 83},
+                                 Sector{"mifare4k", 32, false, 131}, Sector{"mifare4k", 39, true, 159},
+                                 Sector{"mifare4k", 32, true, 143, true}, Sector{"mifare4k", 39, true, 255, true}}) {
         SCOPED_TRACE(std::string(sector.card) + " sector " + std::to_string(sector.number));
         auto pcsc = std::make_shared<sim::SimulatedPcsc>();
         auto card = std::dynamic_pointer_cast<sim::MifareClassicCard>(sim::MakeCard(sector.card));
@@ -65,7 +69,13 @@ TEST(TrailerTrace, HoldsNoKeyByteInSmallAndLargeSectors) {
                   0u);
         CError record;
         AccessConditionTable overrides{};
-        Context ctx{channel, record, overrides, [] { return sceSuccess; }};
+        Context ctx{channel, record, overrides, [] { return sceSuccess; }, sector.cardConformance};
+        if (!sector.trailer) {
+            // A data block is only built on once it reads like a trailer.
+            std::string lookalike = kTransport + "FF078069" + kTransport;
+            ASSERT_EQ(MifareWriteDataBloc(ctx, static_cast<std::int32_t>(sector.block), kTransport, 0, lookalike),
+                      sceSuccess);
+        }
         test::ClearTrace();
 
         ASSERT_EQ(MifareWriteSectorTrailer(ctx, sector.number, kTransport, 0, kFirstA, kFirstB, 0, -1, -1, -1, -1, {}),
@@ -79,7 +89,7 @@ TEST(TrailerTrace, HoldsNoKeyByteInSmallAndLargeSectors) {
         std::int32_t s0, s1, s2, conditions;
         const std::string& now = sector.trailer ? kSecondA : kTransport;
         ASSERT_EQ(MifareReadSectorTrailer(ctx, sector.number, now, 0, keys, s0, s1, s2, conditions, bx), sceSuccess);
-        const unsigned block = static_cast<unsigned>(4 * sector.number + 3);
+        const unsigned block = sector.block;
         if (sector.trailer) {
             // A trailer read as a plain block shows key B on a card that lets key A read it.
             std::string contents;

@@ -1,0 +1,514 @@
+// Arbitrary card answers through a PC/SC boundary, driving every member that
+// reads from the card. The input picks the member and its arguments; the rest
+// of it is the card's answers, one per transmission. Besides the sanitizers
+// the oracle is the members' contract: a member that reports sceSuccess got
+// well-formed answers and hands back out-arguments of their documented form;
+// one that fails leaves a full record; and nothing is written to the card
+// from an answer that was not well formed.
+//
+// Input: member, flags, four argument bytes, then answers, each a length byte
+// (255: a 16-bit little-endian length follows) and that many bytes. When the
+// answers run out, the card is gone.
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <functional>
+#include <iterator>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "command/channel.h"
+#include "command/error_record.h"
+#include "desfire/desfire.h"
+#include "desfire/files.h"
+#include "desfire/transfer.h"
+#include "desfire/values.h"
+#include "elatectwn4/encoder.h"
+#include "elatectwn4/pcsc.h"
+
+namespace {
+
+using namespace elatectwn4;
+using Bytes = std::vector<std::uint8_t>;
+
+void Check(bool condition) {
+    if (!condition) std::abort();
+}
+
+// ---- The input ------------------------------------------------------------------
+
+class Input {
+public:
+    Input(const std::uint8_t* data, std::size_t size) : data_(data, size) {}
+
+    std::uint8_t Byte() { return at_ < data_.size() ? data_[at_++] : 0; }
+
+    std::optional<Bytes> Answer() {
+        if (at_ >= data_.size()) return std::nullopt;
+        std::size_t length = Byte();
+        if (length == 255) length = Byte() | std::size_t{Byte()} << 8;
+        length = std::min(length, data_.size() - at_);
+        Bytes answer(data_.begin() + static_cast<std::ptrdiff_t>(at_),
+                     data_.begin() + static_cast<std::ptrdiff_t>(at_ + length));
+        at_ += length;
+        return answer;
+    }
+
+private:
+    std::span<const std::uint8_t> data_;
+    std::size_t at_ = 0;
+};
+
+// ---- The boundary: a reader with one card that answers from the input -------------
+
+struct Exchange {
+    Bytes sent;
+    Bytes answer;
+};
+
+class FakePcsc : public PcscApi {
+public:
+    explicit FakePcsc(Input& input) : input_(input) {}
+
+    std::vector<Exchange> log;
+
+    std::uint32_t EstablishContext(std::uint32_t, PcscHandle& context) override {
+        context = 1;
+        return pcsc_code::Success;
+    }
+    std::uint32_t ReleaseContext(PcscHandle) override { return pcsc_code::Success; }
+    std::uint32_t ListReaders(PcscHandle, std::vector<std::string>& readers) override {
+        readers = {"Fuzz"};
+        return pcsc_code::Success;
+    }
+    std::uint32_t Connect(PcscHandle, const std::string&, std::uint32_t, std::uint32_t, PcscHandle& card,
+                          std::uint32_t& protocol) override {
+        card = 2;
+        protocol = pcsc_const::ProtocolT1;
+        return pcsc_code::Success;
+    }
+    std::uint32_t Disconnect(PcscHandle, std::uint32_t) override { return pcsc_code::Success; }
+    std::uint32_t Status(PcscHandle, PcscStatus& status) override {
+        status.atr = kAtr;
+        return pcsc_code::Success;
+    }
+    std::uint32_t GetAttrib(PcscHandle, std::uint32_t attribute, std::vector<std::uint8_t>& value) override {
+        if (attribute != pcsc_const::AttrAtrString) return pcsc_code::UnsupportedFeature;
+        value = kAtr;
+        return pcsc_code::Success;
+    }
+    std::uint32_t Transmit(PcscHandle, std::uint32_t, std::span<const std::uint8_t> command,
+                           std::span<std::uint8_t> answer, std::size_t& received) override {
+        std::optional<Bytes> next = input_.Answer();
+        if (!next || next->size() > answer.size()) {
+            received = 0;
+            return pcsc_code::RemovedCard;
+        }
+        std::copy(next->begin(), next->end(), answer.begin());
+        received = next->size();
+        log.push_back({Bytes(command.begin(), command.end()), std::move(*next)});
+        return pcsc_code::Success;
+    }
+
+private:
+    // A MIFARE Classic 1K through the reader's storage-card interface.
+    const Bytes kAtr{0x3B, 0x8F, 0x80, 0x01, 0x80, 0x4F, 0x0C, 0xA0, 0x00, 0x00,
+                     0x03, 0x06, 0x03, 0x00, 0x01, 0x00, 0x00, 0x00, 0x00, 0x6A};
+    Input& input_;
+};
+
+// ---- What a well-formed answer is -----------------------------------------------
+
+bool IsIsoCommand(const Bytes& sent) {
+    return !sent.empty() && (sent[0] == 0xFF || sent[0] == 0x90);
+}
+
+// The statuses the command layer lets through when it follows no further
+// frames itself: 9000, 9100, 9101 and 91AF.
+bool IsoSuccess(const Bytes& answer) {
+    if (answer.size() < 2) return false;
+    const unsigned sw = answer[answer.size() - 2] << 8 | answer.back();
+    return sw == 0x9000 || sw == 0x9100 || sw == 0x9101 || sw == 0x91AF;
+}
+
+// Every answer the component took has the status word its command requires.
+// A refused plain settings change followed by the enciphered one was no
+// answer the member took: anything may stand before the second attempt.
+bool EveryAnswerHasAStatus(const std::vector<Exchange>& log) {
+    const auto change = [&](std::size_t i) { return !log[i].sent.empty() && log[i].sent[0] == 0x5F; };
+    std::size_t from = 0;
+    for (std::size_t i = 1; i < log.size() && !log.empty() && change(0); ++i) {
+        if (change(i)) from = i;
+    }
+    for (std::size_t i = from; i < log.size(); ++i) {
+        if (log[i].answer.size() < (IsIsoCommand(log[i].sent) ? 2u : 1u)) return false;
+    }
+    return true;
+}
+
+bool AccessBitsConsistent(const std::uint8_t* block) {
+    const unsigned b6 = block[6], b7 = block[7], b8 = block[8];
+    return (b6 & 0xF) == (~b7 >> 4 & 0xF) && (b6 >> 4) == (~b8 & 0xF) && (b7 & 0xF) == (~b8 >> 4 & 0xF);
+}
+
+// A MIFARE write goes out only after every block read before it gave a whole
+// block, and a trailer write only after reads whose access bits agree with
+// their copies; what it writes then agrees as well.
+void CheckMifareWrites(const std::vector<Exchange>& log, bool trailer) {
+    for (std::size_t i = 0; i < log.size(); ++i) {
+        const Bytes& sent = log[i].sent;
+        if (sent.size() < 5 || sent[0] != 0xFF || sent[1] != 0xD6) continue;
+        for (std::size_t j = 0; j < i; ++j) {
+            const Exchange& read = log[j];
+            if (read.sent.size() < 2 || read.sent[0] != 0xFF || read.sent[1] != 0xB0) continue;
+            Check(read.answer.size() == 18 && IsoSuccess(read.answer));
+            if (trailer) Check(AccessBitsConsistent(read.answer.data()));
+        }
+        if (trailer) Check(sent.size() == 21 && AccessBitsConsistent(sent.data() + 5));
+    }
+}
+
+// A file's settings: 7 bytes for data and backup files, 17 for value files,
+// 13 for record files; a type of its own at least type, settings and rights.
+bool IsSettingsRecord(const Bytes& record) {
+    constexpr std::size_t kLengths[] = {7, 7, 17, 13, 13};
+    if (record.empty()) return false;
+    return record[0] < std::size(kLengths) ? record.size() == kLengths[record[0]] : record.size() >= 4;
+}
+
+// A DESFire command that changes a file, sent after the file's settings were
+// read, follows a well-formed settings record (its frames gathered).
+void CheckDesfireWrites(const std::vector<Exchange>& log) {
+    bool read = false;      // the settings were asked for
+    bool complete = false;  // and the card ended its answer with "00"
+    bool gathering = false;
+    Bytes settings;
+    for (const Exchange& e : log) {
+        if (e.sent.empty()) continue;
+        const bool continuation = e.sent.size() == 1 && e.sent[0] == 0xAF;
+        if (e.sent[0] == 0xF5 || (gathering && continuation)) {
+            if (e.sent[0] == 0xF5) settings.clear();
+            read = true;
+            if (!e.answer.empty()) settings.insert(settings.end(), e.answer.begin() + 1, e.answer.end());
+            gathering = !e.answer.empty() && e.answer[0] == 0xAF;
+            complete = !e.answer.empty() && e.answer[0] == 0x00;
+            continue;
+        }
+        gathering = false;
+        switch (e.sent[0]) {
+            case 0x3D:
+            case 0x3B:
+            case 0xDC:
+            case 0x0C:
+            case 0x1C:
+            case 0x5F:
+                if (read) Check(complete && IsSettingsRecord(settings));
+                break;
+            default:
+                break;
+        }
+    }
+}
+
+bool IsHex(std::string_view text, char separator = '\0') {
+    std::size_t digits = 0;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (separator != '\0' && i % 3 == 2) {
+            if (c != separator) return false;
+            continue;
+        }
+        if (!((c >= '0' && c <= '9') || (c >= 'A' && c <= 'F'))) return false;
+        ++digits;
+    }
+    return digits % 2 == 0 && (separator == '\0' || text.empty() || text.size() % 3 == 2);
+}
+
+bool IsOneOf(std::int32_t value, std::initializer_list<std::int32_t> allowed) {
+    for (const std::int32_t a : allowed) {
+        if (value == a) return true;
+    }
+    return false;
+}
+
+void CheckRecord(const CError& record) {
+    Check(record.Number != 0 && !record.Description.empty() && !record.ComFunction.empty());
+}
+
+// ---- The members ----------------------------------------------------------------
+
+struct Args {
+    std::uint8_t flags, a, b, c, d;
+    bool conformance() const { return flags & 1; }
+    bool hex() const { return flags & 2; }
+    bool singleDes() const { return flags & 4; }
+    bool cardLevel() const { return flags & 8; }
+    std::int32_t security(std::uint8_t x) const { return x % 17 - 1; }  // -1..15
+};
+
+const std::string kKey = "A0A1A2A3A4A5";
+
+// Identity and MIFARE members, through the Encoder as a host calls them.
+void RunEncoderMember(unsigned member, const Args& args, Input& input) {
+    auto pcsc = std::make_shared<FakePcsc>(input);
+    Encoder encoder(pcsc);
+    encoder.Parameters(std::string("Device=Fuzz;Conformance=") + (args.conformance() ? "card" : "none"));
+    Check(encoder.OpenEncoder() == sceSuccess);
+
+    sceReturnCode result = sceError;
+    std::function<void()> contract = [] {};
+    bool trailerWrite = false;
+    switch (member) {
+        case 0: {
+            std::string serial = "unchanged";
+            result = encoder.ReadSerialNumber(serial);
+            contract = [serial] {
+                Check(IsOneOf(static_cast<std::int32_t>(serial.size()), {8, 14, 20}) && IsHex(serial));
+            };
+            break;
+        }
+        case 1: {
+            std::string block;
+            result = encoder.ReadDataBloc(args.a, kKey, args.b, block);
+            contract = [block] { Check(block.size() == 32 && IsHex(block)); };
+            break;
+        }
+        case 2: {
+            std::int32_t serial = 0;
+            std::uint8_t check = 0;
+            std::string info;
+            result = encoder.ReadManufacturerCode(kKey, args.b, serial, check, info);
+            contract = [info] { Check(info.size() == 22 && IsHex(info)); };
+            break;
+        }
+        case 3: {
+            std::string contents = "A1B2C3D4";
+            result = encoder.WriteBytesInBloc(args.a, kKey, 0, args.b % 17, args.c % 17, contents);
+            break;
+        }
+        case 4: {
+            std::uint8_t keysUsed = 0, bx = 0;
+            std::int32_t s0 = 0, s1 = 0, s2 = 0, conditions = 0;
+            result = encoder.ReadSectorTrailer(args.a, kKey, args.b, keysUsed, s0, s1, s2, conditions, bx);
+            contract = [=, &pcsc] {
+                for (const std::int32_t s : {s0, s1, s2})
+                    Check(IsOneOf(s, {0, 5, 12, 13, 15}));
+                Check(IsOneOf(keysUsed, {1, 2}) && IsOneOf(conditions, {0, 1, 3, 4, 8, 12}));
+                const Exchange& read = pcsc->log.back();
+                Check(read.answer.size() == 18 && AccessBitsConsistent(read.answer.data()));
+            };
+            break;
+        }
+        case 5: {
+            trailerWrite = true;
+            const Variant bx = args.d & 0x80 ? Variant{} : Variant{std::int32_t{args.d}};
+            result = encoder.WriteSectorTrailer(args.a, kKey, 0, "B0B1B2B3B4B5", "C0C1C2C3C4C5", args.d % 3,
+                                                args.security(args.b), args.security(args.c), -1,
+                                                args.security(args.b ^ args.c), bx);
+            // The keys go to the sector's trailer: the card's own from sector
+            // 32 on under Conformance=card, else the fourth block.
+            const unsigned sector = args.a;
+            const unsigned trailer =
+                args.conformance() && sector >= 32 ? 128 + 16 * (sector - 32) + 15 : 4 * sector + 3;
+            for (const Exchange& e : pcsc->log) {
+                if (e.sent.size() >= 4 && e.sent[0] == 0xFF && (e.sent[1] == 0xD6 || e.sent[1] == 0xB0))
+                    Check(static_cast<unsigned>(e.sent[2] << 8 | e.sent[3]) == trailer);
+            }
+            break;
+        }
+        default:
+            return;
+    }
+    CheckMifareWrites(pcsc->log, trailerWrite);
+    if (result == sceSuccess) {
+        Check(EveryAnswerHasAStatus(pcsc->log));
+        contract();
+    } else {
+        CheckRecord(encoder.LastError());
+    }
+}
+
+// DESFire members on a session that is already authenticated (the challenge
+// of a real authentication is random), except for the selection itself.
+void RunDesfireMember(unsigned member, const Args& args, Input& input) {
+    FakePcsc pcsc(input);
+    command::Channel channel{&pcsc, 1, 2, pcsc_const::ProtocolT1};
+    CError record;
+    desfire::Session session;
+    for (std::size_t i = 0; i < session.sessionKey.size(); ++i)
+        session.sessionKey[i] = static_cast<std::uint8_t>(0x3C + (args.singleDes() ? i % 8 : i) * 0x11);
+    session.authenticatedKeyNumber = args.a % 14;
+    session.selectedApplicationId = args.cardLevel() ? "000000" : "A1B2C3";
+    session.random = [](std::span<std::uint8_t> out) {
+        for (std::size_t i = 0; i < out.size(); ++i)
+            out[i] = static_cast<std::uint8_t>(0xA5 ^ i);
+    };
+    desfire::Context ctx{channel, record, session, args.conformance()};
+
+    const std::int32_t file = args.a % 16;
+    sceReturnCode result = sceError;
+    std::function<void()> contract = [] {};
+    // A run-time error a worker raises becomes the record at the member's
+    // edge, as the Encoder's guard does it; any other exception is a fault.
+    try {
+        switch (member) {
+            case 6: {
+                result =
+                    desfire::DESFireSelectApplication(ctx, "A1B2C3", args.a % 14, "00112233445566778899AABBCCDDEEFF");
+                contract = [&] {
+                    Check(pcsc.log.size() == 3 && pcsc.log[1].answer.size() == 9 && pcsc.log[2].answer.size() == 9);
+                };
+                break;
+            }
+            case 7: {
+                const std::int32_t requested = args.b % 31 - 3;
+                Variant information;
+                result = desfire::DESFireGetVersion(ctx, requested, information);
+                contract = [requested, information] {
+                    const auto* bytes = std::get_if<std::vector<std::uint8_t>>(&information);
+                    switch (requested) {
+                        case dfvAllData:
+                            Check(bytes && bytes->size() == 28);
+                            break;
+                        case dfvUID:
+                            Check(bytes && bytes->size() == 7);
+                            break;
+                        case dfvBatchNo:
+                            Check(bytes && bytes->size() == 5);
+                            break;
+                        case dfvStorageSize:
+                            Check(std::holds_alternative<std::int32_t>(information));
+                            break;
+                        default:
+                            Check(std::holds_alternative<std::uint8_t>(information));
+                            break;
+                    }
+                };
+                break;
+            }
+            case 8: {
+                std::string applications;
+                result = desfire::DESFireGetApplications(ctx, applications);
+                contract = [applications] {
+                    Check(applications.empty() || applications.size() % 7 == 6);
+                    for (std::size_t at = 0; at < applications.size(); at += 7) {
+                        Check(IsHex(std::string_view(applications).substr(at, 6)));
+                        if (at + 6 < applications.size()) Check(applications[at + 6] == ',');
+                    }
+                };
+                break;
+            }
+            case 9: {
+                std::int32_t settings = -1, count = -1;
+                result = desfire::DESFireGetKeySettings(ctx, settings, count);
+                contract = [=] { Check(settings >= 0 && settings <= 255 && count >= 0 && count <= 255); };
+                break;
+            }
+            case 10: {
+                std::int32_t version = -1;
+                result = desfire::DESFireGetKeyVersion(ctx, args.b % 14, version);
+                contract = [=] { Check(version >= 0 && version <= 255); };
+                break;
+            }
+            case 11: {
+                std::string ids;
+                result = desfire::DESFireGetFileIDs(ctx, ids);
+                contract = [ids] {
+                    int last = -1;
+                    std::size_t at = 0;
+                    while (at < ids.size()) {
+                        const std::size_t end = std::min(ids.find(',', at), ids.size());
+                        const int id = std::stoi(ids.substr(at, end - at));
+                        Check(id > last && id <= 31);
+                        last = id;
+                        at = end + 1;
+                    }
+                };
+                break;
+            }
+            case 12: {
+                std::string information;
+                result = desfire::DESFireGetFileSettings(ctx, file, information);
+                contract = [information] {
+                    const std::size_t bytes = (information.size() + 1) / 3;
+                    Check(IsHex(information, ' ') && bytes >= 4);
+                };
+                break;
+            }
+            case 13:
+            case 14: {
+                std::string data;
+                const std::int32_t length = args.b;
+                const bool records = member == 14;
+                result = records ? desfire::DESFireReadRecords(ctx, file, args.c, length, data, args.hex())
+                                 : desfire::DESFireReadData(ctx, file, args.c, length, data, args.hex());
+                contract = [=] {
+                    if (args.hex()) Check(IsHex(data));
+                    const std::size_t bytes = args.hex() ? data.size() / 2 : data.size();
+                    if (!records && length != 0) Check(bytes == static_cast<std::size_t>(length));
+                };
+                break;
+            }
+            case 15: {
+                std::int32_t value = 0;
+                result = desfire::DESFireGetValue(ctx, args.a % 8, value);
+                break;
+            }
+            case 16:
+                result = desfire::DESFireWriteData(ctx, file, args.c, args.b, "0102030405060708", true);
+                break;
+            case 17:
+                result = desfire::DESFireDebit(ctx, args.a % 8, args.c);
+                break;
+            case 18:
+                result = desfire::DESFireChangeFileSettings(
+                    ctx, file, args.d % 4, desfire::AccessRights{args.b % 16, args.b / 16, args.c % 16, args.c / 16});
+                break;
+            default:
+                return;
+        }
+    } catch (const command::RuntimeError&) {
+        // The run-time errors of the component (an overflow, a raised failure).
+        command::RecordRuntimeError(record, "DESFire member");
+        result = sceError;
+    }
+    CheckDesfireWrites(pcsc.log);
+    if (result == sceSuccess) {
+        Check(EveryAnswerHasAStatus(pcsc.log));
+        contract();
+    } else {
+        CheckRecord(record);
+    }
+}
+
+constexpr unsigned kMembers = 19;
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    // The card-type registry of an Encoder lives in a directory of its own.
+    static const bool registry = [] {
+        char dir[] = "/tmp/card_answers_registry.XXXXXX";
+        return ::mkdtemp(dir) != nullptr && ::setenv("ELATECTWN4_REGISTRY_DIR", dir, 1) == 0;
+    }();
+    Check(registry);
+
+    Input input(data, size);
+    const unsigned member = input.Byte() % kMembers;
+    Args args{};
+    args.flags = input.Byte();
+    args.a = input.Byte();
+    args.b = input.Byte();
+    args.c = input.Byte();
+    args.d = input.Byte();
+    if (member <= 5) {
+        RunEncoderMember(member, args, input);
+    } else {
+        RunDesfireMember(member, args, input);
+    }
+    return 0;
+}
