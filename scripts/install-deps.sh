@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Installs, from Debian's packages, everything the build, the tests and the
-# simulator need. Idempotent: packages already present are left alone.
+# simulator need: GTK 3 for the Configure dialogs, and Xvfb, xdotool and
+# ImageMagick for the tests that drive their window. Idempotent: packages
+# already present are left alone.
 set -euo pipefail
 
 packages=(
@@ -8,6 +10,8 @@ packages=(
   libpcsclite-dev pcscd vsmartcard-vpcd
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   libssl-dev nlohmann-json3-dev
+  libgtk-3-dev fonts-dejavu-core
+  xvfb xdotool imagemagick
 )
 
 missing=()
