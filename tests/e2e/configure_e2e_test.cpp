@@ -15,8 +15,11 @@ namespace {
 
 using namespace elatectwn4;
 using namespace elatectwn4::test;
-using configure::Of;
 using configure::Text;
+
+std::string Say(Text text) {
+    return std::string(configure::Of(text, false));
+}
 
 TEST(ConfigureThroughPcscd, ListsTheVpcdReadersAndFollowsTheBridgesCard) {
     const e2e::E2eSetup setup;
@@ -29,55 +32,41 @@ TEST(ConfigureThroughPcscd, ListsTheVpcdReadersAndFollowsTheBridgesCard) {
 
     RegistryDir registry;
     registry.WriteCardTypes("\"Classic\"=\"11;3B 8F 80 01 80 4F 0C A0 00 00 03 06 03 00 01;4\"\r\n");
-    std::string atr;
-    {
-        Encoder reading;
-        reading.Parameters("Device=" + setup.mifareReader);
-        ASSERT_EQ(reading.OpenEncoder(), sceSuccess);
-        atr = reading.ATRString();
-    }
-    Desktop desktop;
-    ASSERT_TRUE(desktop.ok());
-    const std::filesystem::path dump = registry.path() / "screen";
-    ScopedEnv program("ELATECTWN4_CONFIGURE_PROGRAM", CONFIGURE_PROGRAM);
-    ScopedEnv dumpTo("ELATECTWN4_CONFIGURE_DUMP", dump.c_str());
-
     Encoder encoder;
     encoder.Parameters("Device=" + setup.mifareReader);
+    ASSERT_EQ(encoder.OpenEncoder(), sceSuccess);
+    const std::string atr = encoder.ATRString();
+    ASSERT_EQ(encoder.CloseEncoder(), sceSuccess);
+
+    Desktop desktop;
+    ASSERT_TRUE(desktop.ok());
+    const Screen screen(registry.path() / "screen");
+    ScopedEnv program("ELATECTWN4_CONFIGURE_PROGRAM", CONFIGURE_PROGRAM);
+    ScopedEnv dump("ELATECTWN4_CONFIGURE_DUMP", (registry.path() / "screen").c_str());
     RunningDialog running(desktop, [&] { return encoder.Configure("english"); });
 
-    const auto await = [&](Text title, const std::function<bool(const Window&)>& ready) {
-        const auto screen = WaitForScreen(dump, [&](const Screen& s) {
-            const Window* w = s.Titled(std::string(Of(title, false)));
-            return w != nullptr && ready(*w);
-        });
-        return screen ? *screen->Titled(std::string(Of(title, false))) : Window{};
-    };
-    const Window configure =
-        await(Text::ConfigureTitle, [&](const Window& w) { return w.Selected(setup.mifareReader); });
-    ASSERT_NE(configure.id, 0u) << "the configuration dialog did not show the MIFARE reader selected";
+    const Window configure = screen.Await(Say(Text::ConfigureTitle));
+    EXPECT_TRUE(configure.Selected(setup.mifareReader));
     EXPECT_NE(configure.Find("row", setup.desfireReader), nullptr);
     EXPECT_TRUE(Screenshot(configure, std::filesystem::path(SCREENSHOT_DIR) / "configure-pcscd.png"));
-    Click(configure, "button", std::string(Of(Text::Test, false)));
+    Click(configure, "button", Say(Text::Test));
 
-    const std::string ready(Of(Text::Ready, false));
-    Window test = await(Text::TestTitle, [&](const Window& w) { return w.Value("state") == ready; });
-    EXPECT_EQ(test.Value("serial"), setup.mifareUid);
+    const auto showing = [&](const char* name, const std::string& value) {
+        return screen.Await(Say(Text::TestTitle), [&](const Window& w) { return w.Value(name) == value; });
+    };
+    Window test = showing("serial", setup.mifareUid);
     EXPECT_EQ(test.Value("atr"), atr);
     EXPECT_EQ(test.Value("cardtype"), "MIFARE Classic 1K (17)");
     EXPECT_TRUE(Screenshot(test, std::filesystem::path(SCREENSHOT_DIR) / "test-pcscd.png"));
 
     ASSERT_EQ(e2e::Control(setup.mifareControl, "remove"), "ok");
-    const std::string noCard(Of(Text::NoCard, false));
-    test = await(Text::TestTitle, [&](const Window& w) { return w.Value("state") == noCard; });
+    test = showing("state", Say(Text::NoCard));
     EXPECT_EQ(test.Value("message"), "No card in encoder: No Smart Card is currently in the device.");
     ASSERT_EQ(e2e::Control(setup.mifareControl, "insert"), "ok");
-    test = await(Text::TestTitle, [&](const Window& w) { return w.Value("serial") == setup.mifareUid; });
-    EXPECT_EQ(test.Value("state"), ready);
+    test = showing("serial", setup.mifareUid);
 
     Press(test, "Escape");
-    EXPECT_TRUE(WaitForScreen(
-        dump, [](const Screen& s) { return s.Titled(std::string(Of(Text::TestTitle, false))) == nullptr; }));
+    EXPECT_TRUE(screen.AwaitGone(Say(Text::TestTitle)));
     Press(configure, "Escape");
     EXPECT_EQ(running.Result(), sceCanceled);
 }

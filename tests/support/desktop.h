@@ -1,12 +1,11 @@
-// Driving the dialog program as a person would: a private X display (Xvfb on
-// a display number it picks itself), the screen as the program's dump
-// describes it (twn4-configure, ELATECTWN4_CONFIGURE_DUMP), and hands
-// through xdotool; screenshots through ImageMagick's import.
+// Using the dialog program as a person would: a private X display (Xvfb picks
+// a free display number itself), the screen as the program's dump describes
+// it (twn4-configure with ELATECTWN4_CONFIGURE_DUMP), hands through xdotool
+// and screenshots through ImageMagick's import.
 #pragma once
 
 #include <sys/types.h>
 
-#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <future>
@@ -19,12 +18,8 @@
 
 namespace elatectwn4::test {
 
-/// Runs a program (searched in PATH) and waits for it: its exit status, -1
-/// when it could not be run or did not exit.
-int RunProgram(const std::vector<std::string>& argv);
-
-/// An Xvfb of this test's own; DISPLAY names it while the object lives. Only
-/// the process it started is ever stopped.
+/// An Xvfb of this test's own, named by DISPLAY while the object lives; it
+/// also ends when the test process dies. Only that process is ever stopped.
 class Desktop {
 public:
     Desktop();
@@ -32,33 +27,31 @@ public:
     Desktop(const Desktop&) = delete;
     Desktop& operator=(const Desktop&) = delete;
 
-    /// False when Xvfb could not be started (the test has already failed).
     bool ok() const { return pid_ > 0; }
-    /// Ends the display: every window on it goes with it.
+    /// Ends the display, and every window on it.
     void Stop();
 
 private:
     pid_t pid_ = -1;
     std::optional<ScopedEnv> display_;
-    // Quiet toolkit: no accessibility bus to look for, decorations left to
-    // the (absent) window manager, so positions are the window's own.
+    // No accessibility bus to look for; no client-side decorations, so a
+    // widget's position in the dump is its position in the X window.
     ScopedEnv noBridge_{"NO_AT_BRIDGE", "1"};
     ScopedEnv noCsd_{"GTK_CSD", "0"};
 };
 
-/// A call that shows a dialog (Configure), running on a thread of its own as
-/// a host's would while its person uses the window.
+/// A call that shows a dialog, on a thread of its own as a host's would be
+/// while its person uses the window.
 class RunningDialog {
 public:
     RunningDialog(Desktop& desktop, std::function<sceReturnCode()> call)
         : desktop_(desktop), result_(std::async(std::launch::async, std::move(call))) {}
-    /// A dialog still open ends with the display, which ends the call.
+    /// A dialog still open then ends with the display, which ends the call.
     ~RunningDialog();
     RunningDialog(const RunningDialog&) = delete;
     RunningDialog& operator=(const RunningDialog&) = delete;
-
-    /// What the call returned. Still running a minute after the last step, it
-    /// fails the test and is ended with the display (a backstop, not a measurement).
+    /// The call's result; a dialog still open a minute on fails the test and
+    /// is ended with the display (a backstop, not a measurement).
     sceReturnCode Result();
 
 private:
@@ -76,36 +69,36 @@ struct Widget {
 };
 
 struct Window {
-    unsigned long id = 0;  ///< the X window
+    unsigned long id = 0;  ///< the X window; 0 for none
     std::string title;
     std::vector<Widget> widgets;
 
-    /// The widget of that kind and text, or null.
     const Widget* Find(const std::string& kind, const std::string& text) const;
-    /// Whether the row of that text is there and selected.
     bool Selected(const std::string& row) const;
     /// The text of the label named `name` ("" when there is none).
     std::string Value(const std::string& name) const;
-    /// The texts of the window's own words: unnamed labels and buttons, sorted.
+    /// The window's own words, sorted: buttons and unnamed labels.
     std::vector<std::string> OwnTexts() const;
 };
 
-struct Screen {
-    std::vector<Window> windows;
-    const Window* Titled(const std::string& title) const;
+/// The program's windows, read from its dump file.
+class Screen {
+public:
+    explicit Screen(std::filesystem::path dump) : dump_(std::move(dump)) {}
+    /// The window titled `title` once `ready` holds for it; when it never
+    /// does within a minute, a test failure and a window of id 0.
+    Window Await(const std::string& title, const std::function<bool(const Window&)>& ready = {}) const;
+    /// Whether the window titled `title` went within a minute.
+    bool AwaitGone(const std::string& title) const;
+
+private:
+    std::vector<Window> Read() const;
+    std::filesystem::path dump_;
 };
-
-/// The dump as it stands (no windows when there is none).
-Screen ReadScreen(const std::filesystem::path& dump);
-
-/// Reads the dump until `ready` holds for it; nullopt when it never did
-/// within `patience`, a backstop against a hang, not a measurement.
-std::optional<Screen> WaitForScreen(const std::filesystem::path& dump, const std::function<bool(const Screen&)>& ready,
-                                    std::chrono::seconds patience = std::chrono::seconds(60));
 
 /// A click in the middle of the window's widget of that kind and text.
 void Click(const Window& window, const std::string& kind, const std::string& text);
-/// Keys pressed with the window focused ("Escape", "Return", "alt+t").
+/// Keys pressed with the window focused ("Escape", "Return").
 void Press(const Window& window, const std::string& keys);
 /// Destroys the window as another client would.
 void CloseWindow(const Window& window);
