@@ -23,6 +23,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "configure/labels.h"
@@ -72,8 +73,6 @@ void Send(const std::string& line) {
 }
 
 // ---- What the windows show, for tests ---------------------------------------------
-
-void Walk(GtkWidget* widget, GtkWidget* top, std::string& out);
 
 // One dump line: the kind, the widget's box in the window, a flag and a text.
 std::string BoxLine(std::string_view kind, GtkWidget* widget, GtkWidget* top, bool flag, std::string_view text) {
