@@ -18,6 +18,7 @@ constexpr std::array kOpen{Optional("Handle")};
 constexpr std::array kSerial{InOut("SerialNumber")};
 constexpr std::array kEscape{In("sCommand"), InOut("sBuffer")};
 constexpr std::array kResponseText{In("sw1sw2"), In("EncoderCommand")};
+constexpr std::array kConfigure{Optional("Language")};
 constexpr std::array kBlock{In("BlocNumber"), In("Key"), In("KeyType"), InOut("BlocContents")};
 constexpr std::array kManufacturer{In("Key"), In("KeyType"), InOut("SerialNumber"), InOut("CheckSum"),
                                    InOut("ManufacturerInfo")};
@@ -99,6 +100,8 @@ constexpr std::array kRows{
     Method<&Encoder::ReadSerialNumber, kSerial>(14, "ReadSerialNumber", "The card's UID"),
     Method<&Encoder::Escape, kEscape>(15, "Escape", "Sends a raw reader command"),
     Method<&Encoder::GetResponseText, kResponseText>(16, "GetResponseText", "Text of a status word"),
+    Method<&Encoder::Configure, kConfigure>(17, "Configure",
+                                            "Shows the configuration dialog (\"francais\" or English)"),
     // ---- MIFARE Classic ------------------------------------------------------------------------
     Method<&Encoder::MifareReadDataBloc, kBlock>(20, "MifareReadDataBloc", "Reads a 16-byte block"),
     Method<&Encoder::MifareReadManufacturerCode, kManufacturer>(21, "MifareReadManufacturerCode",

@@ -57,6 +57,7 @@ constexpr std::array kErrorTexts{
     ErrorText{ErrorNumber::CommandFailed, "Encoder command failed"},
     ErrorText{ErrorNumber::AuthenticationFailure, "Authentication failure"},
     ErrorText{ErrorNumber::NoCard, "No card in encoder"},
+    ErrorText{ErrorNumber::DialogUnavailable, "Configuration dialog unavailable"},
 };
 
 }  // namespace

@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Installs, from Debian's packages, everything the build, the tests and the
-# simulator need. Idempotent: packages already present are left alone.
+# simulator need: GTK 3 for the Configure dialogs, and Xvfb, xdotool and
+# ImageMagick for the tests that drive their window. Idempotent: packages
+# already present are left alone.
 set -euo pipefail
 
 packages=(
@@ -9,6 +11,8 @@ packages=(
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   libssl-dev nlohmann-json3-dev
   clang libclang-rt-14-dev
+  libgtk-3-dev fonts-dejavu-core
+  xvfb xdotool imagemagick
 )
 
 missing=()

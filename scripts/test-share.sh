@@ -7,7 +7,7 @@ set -euo pipefail
 root=${1:-$(cd "$(dirname "$0")/.." && pwd)}
 cd "$root"
 
-code_folders=(cipher command registry mifare desfire encoder com sim cli include bench)
+code_folders=(cipher command registry mifare desfire encoder com configure sim cli include bench)
 
 lines() {
     local existing=()

@@ -84,6 +84,23 @@ public:
     void Parameters(const std::string& text);
     /// "Pellucid|Elatec TWN4|<major>.<minor>.<revision>|1|<n>|<capabilities>".
     std::string GetInformation();
+    /// Opens the encoder (a failure to reach PC/SC is sceError, with the
+    /// record of OpenEncoder named "Configure"), then shows the configuration
+    /// dialog and waits for it: the readers PC/SC lists, the one named in
+    /// Parameters selected, a Test button whose dialog opens the encoder on
+    /// the chosen reader about once a second and shows the card's ATR, type
+    /// and serial number, OK (Return) and Cancel (Escape). French when
+    /// Language is "francais", English otherwise.
+    ///   sceSuccess   OK: Parameters names the chosen reader ("Device=...")
+    ///   sceCanceled  Cancel, Escape or the window closed: Parameters unchanged
+    ///   sceError     0x90010F07 when the dialog cannot be shown: RdrCommand
+    ///                is the dialog program, RdrRetCode says why (not
+    ///                installed, no display, it ended without an answer)
+    /// The window is the program twn4-configure, started as a child process:
+    /// ELATECTWN4_CONFIGURE_PROGRAM names it, else the installed one in
+    /// <libexecdir>/elatectwn4/. It needs DISPLAY or WAYLAND_DISPLAY. Every
+    /// card exchange runs here, through this encoder's PC/SC boundary.
+    sceReturnCode Configure(const std::string& Language = {});
 
     // ---- Reader session --------------------------------------------------
     /// Establishes the PC/SC context and connects to the configured reader.

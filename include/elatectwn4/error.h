@@ -66,6 +66,12 @@ enum class ErrorNumber : std::uint32_t {
     CommandFailed = 0x90010F04,
     AuthenticationFailure = 0x90010F05,
     NoCard = 0x90010F06,
+    /// "Configuration dialog unavailable": Configure could not show its
+    /// window. RdrCommand names the dialog program; RdrRetCode says why: the
+    /// program is not installed, there is no display (neither DISPLAY nor
+    /// WAYLAND_DISPLAY is set), the program could not open the display, or
+    /// it ended without an answer.
+    DialogUnavailable = 0x90010F07,
 };
 
 /// The description that always goes with an error number; "" for a number

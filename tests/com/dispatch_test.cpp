@@ -12,6 +12,7 @@
 #include "elatectwn4/encoder.h"
 #include "sim/reader.h"
 #include "sim/simulated_pcsc.h"
+#include "support/registry_dir.h"
 #include "support/scripted_pcsc.h"
 
 namespace elatectwn4 {
@@ -126,6 +127,9 @@ TEST(Dispatch, EveryEncoderMemberIsCallableByNameWithItsDeclaredTypes) {
     SimulatedEncoder desfire("desfire");
     ASSERT_EQ(desfire.encoder.DESFireSelectRoot(kDesfireFactoryKey), sceSuccess);
     ASSERT_EQ(desfire.encoder.DESFireCreateApplication("A1B2C3", DesfireKeySettings(0x0F), 1), sceSuccess);
+    // Configure's window is played by a stand-in that answers OK at once.
+    test::ScopedEnv dialogProgram("ELATECTWN4_CONFIGURE_PROGRAM", FAKE_DIALOG);
+    test::ScopedEnv display("DISPLAY", ":7");
     int called = 0;
     for (const auto& m : Members()) {
         if (m.interfaceName != "_Encoder") continue;

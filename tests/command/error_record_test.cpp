@@ -63,7 +63,7 @@ TEST(Fail, PairsTheNumberWithItsOwnDescription) {
     Fail(record, ErrorNumber::NoChangesInBackup, "DESFireCommitTransaction");
     EXPECT_EQ(RecordText(record), RecordText(0x90010E4F, "No changes in backup files, abort/commit not needed", 0,
                                              "DESFireCommitTransaction", "", ""));
-    EXPECT_EQ(ErrorDescription(static_cast<ErrorNumber>(0x90010F07)), "");
+    EXPECT_EQ(ErrorDescription(static_cast<ErrorNumber>(0x90010F7F)), "");
 }
 
 TEST(RecordRuntimeError, TurnsEachKindOfExceptionIntoTheRecord) {
