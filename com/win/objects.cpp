@@ -6,7 +6,7 @@
 
 #include "com/typelib.h"
 #include "com/win/guid.h"
-#include "com/win/server.h"
+#include "com/win/module.h"
 #include "com/win/variant_convert.h"
 
 namespace elatectwn4::com::win {

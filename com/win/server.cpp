@@ -1,6 +1,6 @@
 // The in-process server: the DLL's exports, the class factory of Encoder,
 // and its registration for the whole machine.
-#include "com/win/server.h"
+#include "com/win/module.h"
 
 // clang-format off
 #include <windows.h>
@@ -19,9 +19,6 @@
 
 namespace elatectwn4::com::win {
 namespace {
-
-HMODULE gModule = nullptr;
-std::atomic<long> gModuleReferences{0};
 
 // The registry view of this DLL's bitness: a 32-bit server registers in the
 // 32-bit view, where 32-bit hosts look, also when a 64-bit process installs it.
@@ -115,44 +112,6 @@ void DeleteTree(const std::wstring& path) {
 
 }  // namespace
 
-HMODULE Module() noexcept {
-    return gModule;
-}
-
-std::wstring ModulePath() {
-    std::wstring path(MAX_PATH, L'\0');
-    for (;;) {
-        const DWORD n = GetModuleFileNameW(gModule, path.data(), static_cast<DWORD>(path.size()));
-        if (n < path.size()) {
-            path.resize(n);
-            return path;
-        }
-        path.resize(path.size() * 2);
-    }
-}
-
-void AddModuleRef() noexcept {
-    ++gModuleReferences;
-}
-
-void ReleaseModuleRef() noexcept {
-    --gModuleReferences;
-}
-
-ITypeLib* TypeLibrary() noexcept {
-    static ITypeLib* library = [] {
-        ITypeLib* loaded = nullptr;
-        try {
-            if (FAILED(LoadTypeLibEx(ModulePath().c_str(), REGKIND_NONE, &loaded))) loaded = nullptr;
-        } catch (...) {
-            loaded = nullptr;
-        }
-        return loaded;
-    }();
-    if (library != nullptr) library->AddRef();
-    return library;
-}
-
 }  // namespace elatectwn4::com::win
 
 using namespace elatectwn4::com::win;
@@ -163,7 +122,7 @@ extern "C" {
 
 BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID) {
     if (reason == DLL_PROCESS_ATTACH) {
-        gModule = instance;
+        SetModule(instance);
         DisableThreadLibraryCalls(instance);
     }
     return TRUE;
@@ -177,7 +136,7 @@ STDAPI DllGetClassObject(REFCLSID rclsid, REFIID riid, LPVOID* object) {
 }
 
 STDAPI DllCanUnloadNow() {
-    return gModuleReferences.load() == 0 ? S_OK : S_FALSE;
+    return ModuleInUse() ? S_FALSE : S_OK;
 }
 
 STDAPI DllRegisterServer() {

@@ -1,5 +1,5 @@
 // The COM server as hosts load it talks to the readers through winscard.
-#include "com/win/server.h"
+#include "com/win/module.h"
 
 namespace elatectwn4::com::win {
 

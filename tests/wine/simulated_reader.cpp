@@ -2,7 +2,7 @@
 // instead of winscard (Wine's is a stub). "Virtual PCD 00 00" holds a
 // MIFARE Classic 1K card, "Virtual PCD 00 01" a DESFire card, and
 // "Virtual PCD 00 02" stays empty. The cards live as long as the process.
-#include "com/win/server.h"
+#include "com/win/module.h"
 #include "sim/reader.h"
 #include "sim/simulated_pcsc.h"
 

@@ -15,8 +15,9 @@
 
 namespace elatectwn4::com::win {
 
-/// The DLL's own module handle.
+/// The DLL's own module handle, set when the DLL is loaded.
 HMODULE Module() noexcept;
+void SetModule(HMODULE module) noexcept;
 
 /// The DLL's full path.
 std::wstring ModulePath();
@@ -24,6 +25,7 @@ std::wstring ModulePath();
 /// Objects and server locks alive: the DLL unloads only at zero.
 void AddModuleRef() noexcept;
 void ReleaseModuleRef() noexcept;
+bool ModuleInUse() noexcept;
 
 /// The type library carried as the DLL's resource (AddRef'd; nullptr if it cannot be loaded).
 ITypeLib* TypeLibrary() noexcept;
