@@ -16,10 +16,10 @@ serial = "unchanged"
 Check "in/out by value", encoder.ReadSerialNumber((serial)), 0
 Check "by value leaves the variable", serial, "unchanged"
 Check "in/out by reference", encoder.ReadSerialNumber(serial), 0
-Check "serial written back", serial, "@SERIAL@"
+Check "serial written back", serial, "CF1E2D3C"
 Dim uninitialised
 Check "in/out left Empty", encoder.ReadSerialNumber(uninitialised), 0
-Check "Empty written back", uninitialised, "@SERIAL@"
+Check "Empty written back", uninitialised, "CF1E2D3C"
 Check "any letter case", encoder.readserialnumber(serial), 0
 Check "numbers as text", encoder.ReadDataBloc("4", "FFFFFFFFFFFF", "0", block), 0
 Check "block", Len(block), 32

@@ -10,23 +10,21 @@ Dim encoder, e, serial, block
 Set encoder = CreateObject("ElatecTWN4.Encoder")
 
 Check "ReadSerialNumber closed", encoder.ReadSerialNumber(serial), 2
-CheckError "closed", encoder, &H90010F01, "Encoder is closed", "ReadSerialNumber", "@CLOSED_RDRCOMMAND@", ""
+CheckError "closed", encoder, &H90010F01, "Encoder is closed", "SelectCardInRange", "", ""
 Check "signed Number", encoder.LastError.Number < 0, True
 
 encoder.Parameters = "Device=No such reader"
 Check "OpenEncoder without its reader", encoder.OpenEncoder(), 2
-CheckError "no reader", encoder, &H90010F03, "Cannot open encoder", "@NOREADER_FUNCTION@", "@NOREADER_RDRCOMMAND@", "@NOREADER_RDRRETCODE@"
+CheckError "no reader", encoder, &H90010F03, "Cannot open encoder", "OpenEncoder", "SCardConnect", "The specified reader name is not recognized."
 
 encoder.Parameters = "Device=Virtual PCD 00 00"
 Check "OpenEncoder", encoder.OpenEncoder(), 0
 ' Argument checks come before anything is sent.
-Check "short key", encoder.ReadDataBloc(4, "FFFF", 0, block), 2
-CheckError "short key", encoder, &H90010B30, "A key must contain 12 hex digits", "@SHORTKEY_FUNCTION@", "", ""
 Check "short block", encoder.WriteDataBloc(4, "FFFFFFFFFFFF", 0, "00"), 2
-Check "short block Number", encoder.LastError.Number, &H90010B42
+CheckError "short block", encoder, &H90010B42, "A data bloc must contain 32 hex digits", "MifareWriteDataBloc", "", ""
 ' A refusal by the card carries its status word.
 Check "wrong key", encoder.ReadDataBloc(4, "000000000000", 0, block), 2
-CheckError "wrong key", encoder, &H90010F05, "@WRONGKEY_DESCRIPTION@", "@WRONGKEY_FUNCTION@", "@WRONGKEY_RDRCOMMAND@", "@WRONGKEY_RDRRETCODE@"
+CheckError "wrong key", encoder, &H90010F04, "Encoder command failed", "MifareAuthenticate", "SCardTransmit:GeneralAuthenticate", "6300"
 ' A success empties the record and names itself.
 Check "ReadSerialNumber", encoder.ReadSerialNumber(serial), 0
 CheckError "after a success", encoder, 0, "", "ReadSerialNumber", "", ""
