@@ -1,6 +1,8 @@
-' Shared by the family scripts (read with ExecuteGlobal): counting checks,
-' the final line, and the exit status that carries the number of failures
-' (cscript itself exits 0 whatever a script does).
+' The start of every family script (scripts/test-windows.sh puts it in
+' front, since a script cannot include another): counting checks, the final
+' line, and the exit status that carries the number of failures (cscript
+' itself exits 0 whatever a script does).
+Option Explicit
 Dim failures, checks
 failures = 0
 checks = 0
@@ -26,16 +28,6 @@ Sub CheckError(label, encoder, number, description, comFunction, rdrCommand, rdr
     Check label & " RdrCommand", e.RdrCommand, rdrCommand
     Check label & " RdrRetCode", e.RdrRetCode, rdrRetCode
 End Sub
-
-' Hex text of a byte array as the component returns it (VT_ARRAY | VT_UI1).
-Function HexBytes(bytes)
-    Dim i, text
-    text = ""
-    For i = 1 To LenB(bytes)
-        text = text & Right("0" & Hex(AscB(MidB(bytes, i, 1))), 2)
-    Next
-    HexBytes = text
-End Function
 
 Function OpenOn(device)
     Dim encoder

@@ -2,7 +2,10 @@
 // embedded in the DLL lists exactly the member table's rows (names, ids,
 // kinds, parameters, directions, optional ones, types), and the HRESULT and
 // argument position IDispatch::Invoke gives for calls that cannot be made.
-// Loads the DLL itself (no registration needed). Usage: com_check DLL.
+// Loads the DLL itself (no registration needed). Usage: com_check DLL
+// [READER]; with the reader of a simulated DESFire card (the test build of
+// the server), also what a byte array comes back as, which scripts under
+// Wine cannot read.
 // Prints one line per failure and a final count; exits with that count.
 // clang-format off
 #include <windows.h>
@@ -87,8 +90,11 @@ std::string FunctionLine(ITypeInfo* info, const FUNCDESC* f) {
         const ELEMDESC& e = f->lprgelemdescParam[i];
         const USHORT flags = e.paramdesc.wParamFlags;
         if (flags & PARAMFLAG_FRETVAL) continue;
-        // A property put's value is unnamed in the library; the table calls it by its role.
-        const std::string name = static_cast<UINT>(i + 1) < count ? Narrow(names[i + 1]) : "Value";
+        // Names are looked up by id, which a put shares with its get: a put's
+        // value is called by its role, as the table calls it.
+        const std::string name = kind == MemberKind::PropertyPut    ? "Value"
+                                 : static_cast<UINT>(i + 1) < count ? Narrow(names[i + 1])
+                                                                    : "?";
         const TYPEDESC* t = &e.tdesc;
         const bool inOut = (flags & PARAMFLAG_FOUT) != 0;
         if (inOut && t->vt == VT_PTR) t = t->lptdesc;
@@ -253,19 +259,62 @@ void CheckInvoke(IDispatch* encoder) {
                       static_cast<unsigned long>(hr), static_cast<unsigned long>(call.expected), argumentError,
                       call.argumentError);
         Expect(hr == call.expected && argumentError == call.argumentError, text);
+        // A refused call runs nothing, so nothing is written back.
+        if (hr != S_OK) Expect(Narrow(contents) == "untouched", std::string(call.what) + ": in/out text changed");
         VariantClear(&result);
     }
-    // The refused calls sent nothing and left the in/out argument alone;
-    // the member's own failure (a short key) left its text unchanged too.
-    Expect(Narrow(contents) == "untouched", "in/out text after refused calls: " + Narrow(contents));
+    // The member's own failure (on a closed encoder) empties the block through the reference.
+    Expect(Narrow(contents).empty(), "in/out text written back: " + Narrow(contents));
     SysFreeString(contents);
+}
+
+// DESFireGetVersion -2 into a VARIANT passed by reference: the whole
+// version record as a SAFEARRAY of bytes.
+void CheckByteArray(IDispatch* encoder, const wchar_t* reader) {
+    DISPID id = 0;
+    auto dispatch = [&](const wchar_t* member, WORD flags, std::vector<VARIANT> args, DISPID* named = nullptr) {
+        LPOLESTR name = const_cast<LPOLESTR>(member);
+        encoder->GetIDsOfNames(IID_NULL, &name, 1, 0, &id);
+        std::vector<VARIANT> reversed(args.rbegin(), args.rend());
+        DISPPARAMS params{reversed.data(), named, static_cast<UINT>(reversed.size()), named != nullptr ? 1u : 0u};
+        VARIANT result;
+        VariantInit(&result);
+        const HRESULT hr = encoder->Invoke(id, IID_NULL, 0, flags, &params, &result, nullptr, nullptr);
+        const bool ok = SUCCEEDED(hr) && (V_VT(&result) == VT_EMPTY || (V_VT(&result) == VT_I4 && V_I4(&result) == 0));
+        Expect(ok, Narrow(member) + " succeeds");
+        VariantClear(&result);
+    };
+    DISPID put = DISPID_PROPERTYPUT;
+    dispatch(L"Parameters", DISPATCH_PROPERTYPUT, {Text((L"Device=" + std::wstring(reader)).c_str())}, &put);
+    dispatch(L"OpenEncoder", DISPATCH_METHOD, {});
+    dispatch(L"DESFireSelectRoot", DISPATCH_METHOD, {Text(L"0000000000000000")});
+    VARIANT information;
+    VariantInit(&information);
+    VARIANT reference;
+    V_VT(&reference) = VT_BYREF | VT_VARIANT;
+    V_VARIANTREF(&reference) = &information;
+    dispatch(L"DESFireGetVersion", DISPATCH_METHOD, {Long(-2), reference});
+    std::string hex;
+    if (V_VT(&information) == (VT_ARRAY | VT_UI1)) {
+        unsigned char* bytes = nullptr;
+        SafeArrayAccessData(V_ARRAY(&information), reinterpret_cast<void**>(&bytes));
+        for (ULONG i = 0; i < V_ARRAY(&information)->rgsabound[0].cElements; ++i) {
+            char pair[3];
+            std::snprintf(pair, sizeof pair, "%02X", bytes[i]);
+            hex += pair;
+        }
+        SafeArrayUnaccessData(V_ARRAY(&information));
+    }
+    Expect(hex == "0401010100180504010101041805045A3B2C1D0E80BA451260302C13",
+           "DESFireGetVersion -2 as VT_ARRAY | VT_UI1: " + std::to_string(V_VT(&information)) + " " + hex);
+    VariantClear(&information);
 }
 
 }  // namespace
 
 int wmain(int argc, wchar_t** argv) {
-    if (argc != 2) {
-        std::printf("usage: com_check DLL\n");
+    if (argc != 2 && argc != 3) {
+        std::printf("usage: com_check DLL [READER]\n");
         return 2;
     }
     CoInitialize(nullptr);
@@ -297,6 +346,7 @@ int wmain(int argc, wchar_t** argv) {
         if (encoder != nullptr) {
             Expect(canUnloadNow() == S_FALSE, "the DLL stays while an Encoder lives");
             CheckInvoke(encoder);
+            if (argc == 3) CheckByteArray(encoder, argv[2]);
             encoder->Release();
         }
         Expect(canUnloadNow() == S_OK, "the DLL may unload once every object is gone");

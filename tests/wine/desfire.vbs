@@ -1,10 +1,6 @@
 ' DESFire through COM against the simulated card on "Virtual PCD 00 01":
 ' the version record (a number and byte arrays), an application with keys
 ' of its own, a data file in each communication mode, a value file.
-Option Explicit
-Dim fso
-Set fso = CreateObject("Scripting.FileSystemObject")
-ExecuteGlobal fso.OpenTextFile(fso.BuildPath(fso.GetParentFolderName(WScript.ScriptFullName), "check.vbs")).ReadAll()
 
 Dim encoder, info, apps, settings, count, data, value, i
 Set encoder = OpenOn("Virtual PCD 00 01")
@@ -16,11 +12,8 @@ Const AppKey = "00112233445566778899AABBCCDDEEFF"
 Check "DESFireSelectRoot", encoder.DESFireSelectRoot(Factory), 0
 Check "DESFireGetVersion storage", encoder.DESFireGetVersion(-1, info), 0
 Check "storage size", info, 4096
-Check "DESFireGetVersion all", encoder.DESFireGetVersion(-2, info), 0
-Check "version record type", TypeName(info), "Byte()"
-Check "version record", HexBytes(info), "0401010100180504010101041805045A3B2C1D0E80BA451260302C13"
-Check "DESFireGetVersion UID", encoder.DESFireGetVersion(14, info), 0
-Check "UID", HexBytes(info), "045A3B2C1D0E80"
+' Byte arrays (-2 the whole record, 14 the UID): com_check reads them, since
+' Wine's script engine cannot.
 Check "DESFireGetVersion vendor", encoder.DESFireGetVersion(0, info), 0
 Check "vendor", info, 4
 

@@ -1,9 +1,5 @@
 ' Failures come back as sceError (2) and the LastError record, never as an
 ' automation error: the script runs on with Err.Number 0 throughout.
-Option Explicit
-Dim fso
-Set fso = CreateObject("Scripting.FileSystemObject")
-ExecuteGlobal fso.OpenTextFile(fso.BuildPath(fso.GetParentFolderName(WScript.ScriptFullName), "check.vbs")).ReadAll()
 
 On Error Resume Next
 Dim encoder, e, serial, block

@@ -1,10 +1,6 @@
 ' The encoder's frame through COM: a fresh object, opening the readers,
 ' the card's identity and type (from the card-type table the test puts in
 ' the registry: DESFire = 31;3B8180;7), and the encoder state.
-Option Explicit
-Dim fso
-Set fso = CreateObject("Scripting.FileSystemObject")
-ExecuteGlobal fso.OpenTextFile(fso.BuildPath(fso.GetParentFolderName(WScript.ScriptFullName), "check.vbs")).ReadAll()
 
 Dim fresh, e, encoder, serial, readers, i
 Set fresh = CreateObject("ElatecTWN4.Encoder")

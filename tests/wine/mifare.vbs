@@ -1,10 +1,6 @@
 ' MIFARE Classic through COM: blocks, bytes in a block, value blocks, the
 ' manufacturer block and sector trailers (with the optional BX left out),
 ' against the simulated 1K card on "Virtual PCD 00 00".
-Option Explicit
-Dim fso
-Set fso = CreateObject("Scripting.FileSystemObject")
-ExecuteGlobal fso.OpenTextFile(fso.BuildPath(fso.GetParentFolderName(WScript.ScriptFullName), "check.vbs")).ReadAll()
 
 Dim encoder, block, i, serial, checkSum, info, keysUsed, s0, s1, s2, conditions, bx
 Set encoder = OpenOn("Virtual PCD 00 00")
