@@ -34,6 +34,7 @@ step() {  # step NAME COMMAND...: runs, reports, counts
 
 card_types='HKLM\Software\Brantwick Systems\Pellucid\7.0\Contactless\Card types'
 classes='HKLM\Software\Classes'
+library_id=$(sed -n 's/.*kLibraryId = "\(.*\)";/\1/p' "$root/com/typelib_ids.h")
 
 for arch in "${archs[@]}"; do
   if [ "$arch" = i686 ]; then system='C:\windows\syswow64'; else system='C:\windows\system32'; fi
@@ -52,7 +53,9 @@ for arch in "${archs[@]}"; do
   step "$arch com_check (simulated readers)" wine "$dir/com_check.exe" "$dll" "Virtual PCD 00 01"
   step "$arch regsvr32" wine_in regsvr32.exe /s "$dll"
   registered() { wine_in reg.exe query "$classes\\ElatecTWN4.Encoder\\CLSID" $view >/dev/null 2>&1; }
+  library_registered() { wine_in reg.exe query "$classes\\TypeLib\\$library_id" >/dev/null 2>&1; }
   step "$arch class registered" registered
+  step "$arch type library registered" library_registered
   # The card-type table the identity script expects, in the 32-bit view the component reads.
   wine_in reg.exe delete "$card_types" /f /reg:32 >/dev/null 2>&1
   wine_in reg.exe add "$card_types" /v DESFire /t REG_SZ /d "31;3B8180;7" /f /reg:32 >/dev/null 2>&1
@@ -66,7 +69,7 @@ for arch in "${archs[@]}"; do
     output=$(wine_in cscript.exe //nologo "$(winepath -w "$script")" 2>&1)
     local status=$?
     printf '%s\n' "$output" | grep -v "^$1: " >&2
-    printf '%s\n' "$output" | grep -qE "^$1: [0-9]+ checks, 0 failed" && [ $status -eq 0 ]
+    printf '%s\n' "$output" | grep -qE "^$1: [0-9]+ checks, 0 failed" && [ "$status" -eq 0 ]
   }
   for script in identity mifare desfire errors args; do
     step "$arch $script.vbs" family "$script"
@@ -74,7 +77,8 @@ for arch in "${archs[@]}"; do
   recorded() { wine_in reg.exe query "$card_types" /reg:32 2>/dev/null | grep -q "Unknown ("; }
   step "$arch unknown ATR recorded" recorded
   step "$arch regsvr32 /u" wine_in regsvr32.exe /u /s "$dll"
-  step "$arch class gone" eval '! registered' 
+  step "$arch class gone" eval '! registered'
+  step "$arch type library gone" eval '! library_registered' 
   step "$arch CreateObject fails" wine_in cscript.exe //nologo "$(winepath -w "$root/tests/wine/unregistered.vbs")"
 done
 echo "Windows COM server under Wine: $failed step(s) failed"
