@@ -1,14 +1,12 @@
 #include "command/trace.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
 #include <string>
 
 #include "cipher/bytes.h"
+#include "command/trace_file.h"
 
 namespace elatectwn4::command {
 
@@ -24,11 +22,7 @@ public:
         if (std::string_view(target) == "stderr") {
             file_ = stderr;
         } else {
-            // Only its owner may read a new log: it shows card data and the
-            // shape of every exchange, even with the keys masked.
-            const int fd = ::open(target, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-            file_ = fd < 0 ? nullptr : ::fdopen(fd, "a");
-            if (file_ == nullptr && fd >= 0) ::close(fd);
+            file_ = OpenPrivateLog(target);
             owned_ = file_ != nullptr;
         }
     }

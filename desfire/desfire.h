@@ -22,7 +22,7 @@ namespace elatectwn4::desfire {
 /// Fills its argument with random bytes.
 using RandomSource = std::function<void(std::span<std::uint8_t>)>;
 
-/// Random bytes from the operating system (getrandom). Throws
+/// Random bytes from the operating system (getrandom, BCryptGenRandom). Throws
 /// std::system_error when the system cannot supply them.
 void OsRandom(std::span<std::uint8_t> out);
 

@@ -1,10 +1,6 @@
 // The DESFire session, selection and the legacy three-pass authentication.
-#include <sys/random.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <optional>
-#include <system_error>
 
 #include "desfire/desfire.h"
 #include "desfire/operation.h"
@@ -55,18 +51,6 @@ cipher::SecretBytes<kBlock> RotatedLeft(std::span<const std::uint8_t> challenge)
 }
 
 }  // namespace
-
-void OsRandom(std::span<std::uint8_t> out) {
-    std::size_t done = 0;
-    while (done < out.size()) {
-        const ssize_t n = getrandom(out.data() + done, out.size() - done, 0);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            throw std::system_error(errno, std::generic_category(), "getrandom");
-        }
-        done += static_cast<std::size_t>(n);
-    }
-}
 
 cipher::DES& Session::Engine() {
     if (!cipherEngine) cipherEngine = std::make_unique<cipher::DES>();

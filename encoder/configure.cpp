@@ -2,8 +2,6 @@
 // its own (twn4-configure) so that no host is tied to a toolkit; the card
 // exchanges of its test dialog run here, on the host's thread, through this
 // encoder's own PC/SC boundary.
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -23,27 +21,12 @@ namespace {
 
 constexpr const char* kName = "Configure";
 
-bool IsSet(const char* variable) {
-    const char* value = std::getenv(variable);
-    return value != nullptr && *value != '\0';
-}
-
 // The build tree and tests name the program in the environment; installed,
 // it sits in the library's libexec folder.
 std::string DialogProgram() {
     if (const char* program = std::getenv("ELATECTWN4_CONFIGURE_PROGRAM"); program != nullptr && *program != '\0')
         return program;
     return ELATECTWN4_CONFIGURE_PROGRAM_PATH;
-}
-
-// Why the dialog cannot be shown before anything is started; "" when it can.
-std::string WhyNoDialog(const std::string& program) {
-    if (::access(program.c_str(), X_OK) != 0) {
-        if (errno == ENOENT) return "The dialog program is not installed";
-        return std::string("Cannot run the dialog program: ") + std::strerror(errno);
-    }
-    if (!IsSet("DISPLAY") && !IsSet("WAYLAND_DISPLAY")) return "No display: neither DISPLAY nor WAYLAND_DISPLAY is set";
-    return {};
 }
 
 // The record as one readable sentence: its description and the reader's answer.
@@ -90,7 +73,7 @@ sceReturnCode Encoder::Configure(const std::string& Language) {
             return sceError;
         }
         const std::string program = DialogProgram();
-        if (const std::string why = WhyNoDialog(program); !why.empty()) {
+        if (const std::string why = dialog::WhyNoDialog(program); !why.empty()) {
             command::Fail(s.error, ErrorNumber::DialogUnavailable, kName, program, why);
             return sceError;
         }

@@ -43,6 +43,10 @@ private:
     std::string pending_;
 };
 
+/// Why the dialog cannot be shown before anything is started: the program
+/// missing or not runnable, or no display; "" when it can.
+std::string WhyNoDialog(const std::string& program);
+
 /// What the component tells the dialog when it opens.
 struct Setup {
     bool french = false;

@@ -1,7 +1,5 @@
 #include "registry/card_types.h"
 
-#include <time.h>
-
 #include <algorithm>
 #include <array>
 #include <charconv>
@@ -10,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "registry/local_time.h"
 #include "registry/registry.h"
 
 namespace elatectwn4::registry {
@@ -118,8 +117,7 @@ void ApplyEntry(CardIdentity& identity, const std::vector<std::string>& fields) 
 
 std::string UnknownValueName(std::chrono::system_clock::time_point when) {
     const std::time_t t = std::chrono::system_clock::to_time_t(when);
-    std::tm local{};
-    ::localtime_r(&t, &local);
+    const std::tm local = LocalTime(t);
     std::array<char, 64> buffer{};
     const int n =
         std::snprintf(buffer.data(), buffer.size(), "Unknown (%04d-%02d-%02d %02d:%02d:%02d)", local.tm_year + 1900,

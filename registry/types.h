@@ -58,10 +58,12 @@ void RecordRegistryError(std::uint32_t number, std::string_view description) noe
 /// Empties the calling thread's last-error pair.
 void ClearRegistryError() noexcept;
 
-/// An open root: the root and the directory of its file.
+/// An open root: the root, and where it lives: the directory of its file
+/// (regedit-format files) or the system's key handle (a remote registry).
 struct RegHandle {
     Root root = Root::CurrentUser;
     std::filesystem::path directory;
+    std::uintptr_t native = 0;
     bool open = false;
 };
 

@@ -1,7 +1,5 @@
 #include "sim/desfire/desfire_card.h"
 
-#include <openssl/rand.h>
-
 #include <algorithm>
 #include <functional>
 #include <stdexcept>
@@ -43,10 +41,6 @@ bool IndependentOfSelection(std::uint8_t code) noexcept {
 
 bool IsError(std::uint8_t s) noexcept {
     return s != status::Ok && s != status::AdditionalFrame && s != status::NoChanges;
-}
-
-void DrawRandom(std::span<std::uint8_t> out) {
-    if (RAND_bytes(out.data(), static_cast<int>(out.size())) != 1) throw std::runtime_error("RAND_bytes failed");
 }
 
 }  // namespace

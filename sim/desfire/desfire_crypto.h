@@ -39,8 +39,20 @@ std::uint8_t KeyVersion(const LegacyKey& key) noexcept;
 /// Overwrites key material so that it does not linger in memory.
 void Wipe(std::span<std::uint8_t> secret) noexcept;
 
+// The cipher library's part, one file per library (OpenSSL on Linux,
+// libgcrypt in the Windows test build): never the component's own DES.
+
+/// Two-key Triple-DES (EDE with K1, K2, K1; equal halves act as single DES)
+/// over whole blocks from a zero vector, each block alone or chained (CBC).
+/// Throws std::invalid_argument when the input is not whole blocks and
+/// std::runtime_error when the library fails.
+Bytes RunEde(const LegacyKey& key, ByteSpan blocks, bool chained);
+
+/// Random bytes for the card's challenges. Throws std::runtime_error.
+void DrawRandom(std::span<std::uint8_t> out);
+
 /// DES / two-key Triple-DES (EDE with K1, K2, K1) operations of the card.
-/// Throws std::runtime_error when OpenSSL fails, std::invalid_argument when
+/// Throws std::runtime_error when the cipher library fails, std::invalid_argument when
 /// a length is not a whole number of blocks.
 class LegacyCipher {
 public:

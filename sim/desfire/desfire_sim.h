@@ -43,7 +43,7 @@ public:
 
     /// A factory-fresh card. An empty uid gives kDefaultUid; another length
     /// than 7 throws std::invalid_argument. Without a random source the card
-    /// draws from OpenSSL's RAND_bytes.
+    /// draws from the cipher library's random generator.
     explicit DesfireCard(std::vector<std::uint8_t> uid = {}, RandomSource random = {});
     ~DesfireCard() override;
 

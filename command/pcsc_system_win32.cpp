@@ -1,10 +1,12 @@
-// The production PC/SC boundary over libpcsclite. Nothing else in the
-// component calls libpcsclite. The object holds no state of its own, so two
-// Encoders may use it at once on their own contexts: pcsc-lite serialises
-// calls per context itself.
+// The production PC/SC boundary over winscard.dll, the Windows smart-card
+// resource manager. Nothing else in the component calls WinSCard. The object
+// holds no state of its own; the resource manager serialises calls per context.
 #include "command/pcsc_system.h"
 
+// clang-format off
+#include <windows.h>
 #include <winscard.h>
+// clang-format on
 
 #include <algorithm>
 #include <memory>
@@ -17,7 +19,10 @@ namespace elatectwn4 {
 
 namespace {
 
-// pcsc-lite's LONG is the platform's long; its return codes are 32-bit values.
+constexpr std::size_t kMaxReaderName = 256;
+constexpr std::size_t kMaxAtr = 36;
+
+// WinSCard returns LONG codes that are 32-bit values (0x8010xxxx).
 std::uint32_t Code(LONG rv) noexcept {
     return static_cast<std::uint32_t>(static_cast<unsigned long>(rv));
 }
@@ -39,7 +44,7 @@ public:
         try {
             const auto list = [context](char* buffer, std::size_t& length) {
                 DWORD size = static_cast<DWORD>(length);
-                const LONG rv = SCardListReaders(static_cast<SCARDCONTEXT>(context), nullptr, buffer, &size);
+                const LONG rv = SCardListReadersA(static_cast<SCARDCONTEXT>(context), nullptr, buffer, &size);
                 length = static_cast<std::size_t>(size);
                 return Code(rv);
             };
@@ -53,8 +58,8 @@ public:
                           std::uint32_t preferredProtocols, PcscHandle& card, std::uint32_t& activeProtocol) override {
         SCARDHANDLE handle = 0;
         DWORD protocol = 0;
-        const LONG rv = SCardConnect(static_cast<SCARDCONTEXT>(context), reader.c_str(), shareMode, preferredProtocols,
-                                     &handle, &protocol);
+        const LONG rv = SCardConnectA(static_cast<SCARDCONTEXT>(context), reader.c_str(), shareMode, preferredProtocols,
+                                      &handle, &protocol);
         if (rv == SCARD_S_SUCCESS) {
             card = static_cast<PcscHandle>(handle);
             activeProtocol = static_cast<std::uint32_t>(protocol);
@@ -68,14 +73,14 @@ public:
 
     std::uint32_t Status(PcscHandle card, PcscStatus& status) override {
         try {
-            char reader[MAX_READERNAME + 1] = {};
+            char reader[kMaxReaderName + 1] = {};
             DWORD readerLength = sizeof reader;
             DWORD state = 0;
             DWORD protocol = 0;
-            BYTE atr[MAX_ATR_SIZE] = {};
+            BYTE atr[kMaxAtr] = {};
             DWORD atrLength = sizeof atr;
             const LONG rv =
-                SCardStatus(static_cast<SCARDHANDLE>(card), reader, &readerLength, &state, &protocol, atr, &atrLength);
+                SCardStatusA(static_cast<SCARDHANDLE>(card), reader, &readerLength, &state, &protocol, atr, &atrLength);
             if (rv != SCARD_S_SUCCESS) return Code(rv);
             const auto names =
                 command::SplitMultiString(std::string_view(reader, std::min<std::size_t>(readerLength, sizeof reader)));
@@ -107,7 +112,7 @@ public:
 
     std::uint32_t Transmit(PcscHandle card, std::uint32_t protocol, std::span<const std::uint8_t> command,
                            std::span<std::uint8_t> answer, std::size_t& received) override {
-        const SCARD_IO_REQUEST sendPci{protocol, sizeof(SCARD_IO_REQUEST)};
+        const SCARD_IO_REQUEST sendPci{static_cast<DWORD>(protocol), sizeof(SCARD_IO_REQUEST)};
         DWORD length = static_cast<DWORD>(std::min(received, answer.size()));
         const LONG rv = SCardTransmit(static_cast<SCARDHANDLE>(card), &sendPci, command.data(),
                                       static_cast<DWORD>(command.size()), nullptr, answer.data(), &length);
@@ -121,40 +126,5 @@ public:
 std::shared_ptr<PcscApi> SystemPcsc() {
     return std::make_shared<SystemPcscApi>();
 }
-
-namespace command {
-
-std::vector<std::string> SplitMultiString(std::string_view multi) {
-    std::vector<std::string> names;
-    while (!multi.empty()) {
-        const std::size_t end = multi.find('\0');
-        const std::string_view name = multi.substr(0, end);
-        if (name.empty()) break;
-        names.emplace_back(name);
-        if (end == std::string_view::npos) break;
-        multi.remove_prefix(end + 1);
-    }
-    return names;
-}
-
-std::uint32_t ListReadersRetrying(const std::function<std::uint32_t(char* buffer, std::size_t& length)>& list,
-                                  std::uint32_t insufficientBuffer, std::vector<std::string>& readers, int attempts) {
-    readers.clear();
-    std::uint32_t rc = insufficientBuffer;
-    for (int attempt = 0; attempt < attempts && rc == insufficientBuffer; ++attempt) {
-        std::size_t length = 0;
-        rc = list(nullptr, length);
-        if (rc != pcsc_code::Success) return rc;
-        std::string buffer(length, '\0');
-        rc = list(buffer.data(), length);
-        if (rc == pcsc_code::Success) {
-            buffer.resize(std::min(length, buffer.size()));
-            readers = SplitMultiString(buffer);
-        }
-    }
-    return rc;
-}
-
-}  // namespace command
 
 }  // namespace elatectwn4

@@ -1,5 +1,3 @@
-#include "registry/store.h"
-
 #include <fcntl.h>
 #include <pwd.h>
 #include <sys/file.h>
@@ -11,6 +9,8 @@
 #include <cstdlib>
 #include <string>
 #include <system_error>
+
+#include "registry/store.h"
 
 namespace elatectwn4::registry {
 namespace {

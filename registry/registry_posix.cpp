@@ -1,41 +1,18 @@
-#include "registry/registry.h"
-
+// MRegistry over the regedit-format files of registry/store.h.
 #include <array>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
 
 #include "registry/reg_file.h"
+#include "registry/reg_value.h"
+#include "registry/registry.h"
 #include "registry/store.h"
 
 namespace elatectwn4::registry {
 namespace {
 
-constexpr std::string_view kTextCannotConnect = "Cannot open Registry for computer ";
-constexpr std::string_view kTextOpenKey = "Unable to open registry key";
-constexpr std::string_view kTextReadValue = "Error while reading value";
-constexpr std::string_view kTextWriteData = "Error while writing data in the Registry";
-constexpr std::string_view kTextTypeRefused = "Unable to save this type of data in the Registry";
-constexpr std::string_view kTextEnumValues = "Unable to read the value names for the Registry";
-constexpr std::string_view kTextEnumKeys = "Unable to read the key names for the Registry";
-constexpr std::string_view kTextOpenPath = "Error while opening the specified path";
-constexpr std::string_view kTextDeleteRoot = "Can't delete a registry root!";
-constexpr std::string_view kTextDeleteUnnamed = "Can't delete unnamed key";
-constexpr std::string_view kTextDeleteSubtree = "Can't delete a sub-tree";
-constexpr std::string_view kTextDeleteMainKey = "Can't delete a main key just below the root";
-constexpr std::string_view kTextDeleteKey = "Unable to delete specified key";
-constexpr std::string_view kTextDeleteValue = "Unable to delete specified value";
-
 constexpr std::string_view kRemotePrefix = "\\\\";
-
-// The platform refuses value names longer than this.
-
-// Significant digits of the host's text form of single and double numbers.
-constexpr int kSingleDigits = 7;
-constexpr int kDoubleDigits = 15;
-
-// Day zero of the host's dates: a date on it is a time of day alone.
-constexpr std::chrono::year_month_day kDateZero{std::chrono::year{1899}, std::chrono::December, std::chrono::day{30}};
 
 std::string JoinPath(const std::vector<std::string>& components) {
     std::string path;
@@ -46,93 +23,11 @@ std::string JoinPath(const std::vector<std::string>& components) {
     return path;
 }
 
-std::string FormatNumberText(double value, int digits) {
-    std::array<char, 64> buffer{};
-    const auto end =
-        std::to_chars(buffer.data(), buffer.data() + buffer.size(), value, std::chars_format::general, digits).ptr;
-    std::string text(buffer.data(), end);
-    for (auto& c : text) {
-        if (c == 'e') c = 'E';  // the host writes 1E+15
-    }
-    return text;
-}
-
-std::string FormatSingleText(float value) {
-    std::array<char, 64> buffer{};
-    const auto end =
-        std::to_chars(buffer.data(), buffer.data() + buffer.size(), value, std::chars_format::general, kSingleDigits)
-            .ptr;
-    std::string text(buffer.data(), end);
-    for (auto& c : text) {
-        if (c == 'e') c = 'E';
-    }
-    return text;
-}
-
-// The "General date" form, in the ISO order the card-type table also uses:
-// date and time, the date alone at midnight, the time alone on day zero.
-std::string GeneralDateText(RegDate when) {
-    using namespace std::chrono;
-    const auto day = floor<days>(when);
-    const year_month_day ymd{day};
-    const hh_mm_ss time{when - day};
-    std::array<char, 48> buffer{};
-    int n = 0;
-    if (ymd == kDateZero) {
-        n = std::snprintf(buffer.data(), buffer.size(), "%02d:%02d:%02d", static_cast<int>(time.hours().count()),
-                          static_cast<int>(time.minutes().count()), static_cast<int>(time.seconds().count()));
-    } else if (time.to_duration() == seconds{0}) {
-        n = std::snprintf(buffer.data(), buffer.size(), "%04d-%02u-%02u", static_cast<int>(ymd.year()),
-                          static_cast<unsigned>(ymd.month()), static_cast<unsigned>(ymd.day()));
-    } else {
-        n = std::snprintf(buffer.data(), buffer.size(), "%04d-%02u-%02u %02d:%02d:%02d", static_cast<int>(ymd.year()),
-                          static_cast<unsigned>(ymd.month()), static_cast<unsigned>(ymd.day()),
-                          static_cast<int>(time.hours().count()), static_cast<int>(time.minutes().count()),
-                          static_cast<int>(time.seconds().count()));
-    }
-    return std::string(buffer.data(), static_cast<std::size_t>(std::max(n, 0)));
-}
-
-// What a caller's value becomes in the store; nullopt for kinds the
-// registry cannot hold.
+// What a caller's value becomes in the file.
 std::optional<StoredData> ToStored(const RegData& value) {
-    struct Visitor {
-        std::optional<StoredData> operator()(std::monostate) const { return std::nullopt; }
-        // Booleans are left open by the host; 1 reads naturally in the file and
-        // every reader of the table tests for non-zero.
-        std::optional<StoredData> operator()(bool v) const {
-            return std::optional<StoredData>{std::in_place, std::uint32_t{v ? 1u : 0u}};
-        }
-        std::optional<StoredData> operator()(std::uint8_t v) const {
-            return std::optional<StoredData>{std::in_place, std::uint32_t{v}};
-        }
-        std::optional<StoredData> operator()(std::int16_t v) const {
-            return std::optional<StoredData>{std::in_place, static_cast<std::uint32_t>(static_cast<std::int32_t>(v))};
-        }
-        std::optional<StoredData> operator()(std::int32_t v) const {
-            return std::optional<StoredData>{std::in_place, static_cast<std::uint32_t>(v)};
-        }
-        std::optional<StoredData> operator()(std::uint32_t v) const {
-            return std::optional<StoredData>{std::in_place, v};
-        }
-        std::optional<StoredData> operator()(float v) const {
-            if (!std::isfinite(v)) return std::nullopt;
-            return std::optional<StoredData>{std::in_place, FormatSingleText(v)};
-        }
-        std::optional<StoredData> operator()(double v) const {
-            if (!std::isfinite(v)) return std::nullopt;
-            return std::optional<StoredData>{std::in_place, FormatNumberText(v, kDoubleDigits)};
-        }
-        // The text goes to the registry as a C string: whatever follows a NUL never arrives.
-        std::optional<StoredData> operator()(const std::string& v) const {
-            return std::optional<StoredData>{std::in_place, v.substr(0, v.find('\0'))};
-        }
-        std::optional<StoredData> operator()(RegDate v) const {
-            return std::optional<StoredData>{std::in_place, GeneralDateText(v)};
-        }
-        std::optional<StoredData> operator()(const std::vector<std::uint8_t>&) const { return std::nullopt; }
-    };
-    return std::visit(Visitor{}, value);
+    const auto storable = ToStorable(value);
+    if (!storable) return std::nullopt;
+    return std::visit([](const auto& v) { return std::optional<StoredData>{std::in_place, v}; }, *storable);
 }
 
 std::uint32_t NumberFromBytes(const std::vector<std::uint8_t>& b, bool bigEndian) {
@@ -162,10 +57,6 @@ std::optional<RegValue> Readable(const StoredValue& value, FileFormat format) {
         default:
             return std::nullopt;
     }
-}
-
-Root NormalizeRoot(Root root) {
-    return IsKnownRoot(root) ? root : Root::CurrentUser;
 }
 
 // Connects and splits the key path; records `openText` for a bad path.
@@ -509,21 +400,6 @@ bool DeleteRegValue(Root root, std::string_view key, std::string_view name, std:
         RecordRegistryError(result::kNotEnoughMemory, kTextDeleteValue);
         return false;
     }
-}
-
-RegValue ReadValue(Root root, std::string_view key, std::string_view name, const RegValue& fallback,
-                   std::string_view computer) noexcept {
-    return ReadRegValue(NormalizeRoot(root), key, name, fallback, computer);
-}
-
-bool WriteValue(Root root, std::string_view key, std::string_view name, const RegData& value,
-                std::string_view computer) noexcept {
-    return WriteRegValue(NormalizeRoot(root), key, name, value, computer);
-}
-
-std::int32_t EnumValueNames(Root root, std::string_view key, std::vector<std::string>& names,
-                            std::string_view computer) noexcept {
-    return EnumRegValueNames(NormalizeRoot(root), key, names, computer);
 }
 
 }  // namespace elatectwn4::registry

@@ -1,0 +1,38 @@
+// What MRegistry's implementations share: the failure texts hosts see, what
+// a caller's value becomes in the registry, and the wrappers that validate a root.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+
+#include "registry/registry.h"
+
+namespace elatectwn4::registry {
+
+inline constexpr std::string_view kTextCannotConnect = "Cannot open Registry for computer ";
+inline constexpr std::string_view kTextOpenKey = "Unable to open registry key";
+inline constexpr std::string_view kTextReadValue = "Error while reading value";
+inline constexpr std::string_view kTextWriteData = "Error while writing data in the Registry";
+inline constexpr std::string_view kTextTypeRefused = "Unable to save this type of data in the Registry";
+inline constexpr std::string_view kTextEnumValues = "Unable to read the value names for the Registry";
+inline constexpr std::string_view kTextEnumKeys = "Unable to read the key names for the Registry";
+inline constexpr std::string_view kTextOpenPath = "Error while opening the specified path";
+inline constexpr std::string_view kTextDeleteRoot = "Can't delete a registry root!";
+inline constexpr std::string_view kTextDeleteUnnamed = "Can't delete unnamed key";
+inline constexpr std::string_view kTextDeleteSubtree = "Can't delete a sub-tree";
+inline constexpr std::string_view kTextDeleteMainKey = "Can't delete a main key just below the root";
+inline constexpr std::string_view kTextDeleteKey = "Unable to delete specified key";
+inline constexpr std::string_view kTextDeleteValue = "Unable to delete specified value";
+
+/// A value as the registry keeps it: text or a 32-bit number.
+using StorableData = std::variant<std::string, std::uint32_t>;
+
+/// What a caller's value becomes in the registry; nullopt for kinds it cannot hold.
+std::optional<StorableData> ToStorable(const RegData& value);
+
+/// A root that is not one of the three becomes Root::CurrentUser.
+Root NormalizeRoot(Root root) noexcept;
+
+}  // namespace elatectwn4::registry

@@ -1,0 +1,357 @@
+// Checks of the COM server that a script cannot see: that the type library
+// embedded in the DLL lists exactly the member table's rows (names, ids,
+// kinds, parameters, directions, optional ones, types), and the HRESULT and
+// argument position IDispatch::Invoke gives for calls that cannot be made.
+// Loads the DLL itself (no registration needed). Usage: com_check DLL
+// [READER]; with the reader of a simulated DESFire card (the test build of
+// the server), also what a byte array comes back as, which scripts under
+// Wine cannot read.
+// Prints one line per failure and a final count; exits with that count.
+// clang-format off
+#include <windows.h>
+#include <oleauto.h>
+// clang-format on
+
+#include <cstdio>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "com/typelib.h"
+#include "com/win/guid.h"
+
+using namespace elatectwn4;
+using namespace elatectwn4::com;
+
+namespace {
+
+int failures = 0;
+
+void Expect(bool ok, const std::string& what) {
+    if (!ok) {
+        ++failures;
+        std::printf("FAIL %s\n", what.c_str());
+    }
+}
+
+std::string Narrow(const wchar_t* text) {
+    std::string out;
+    for (; text != nullptr && *text != 0; ++text)
+        out += static_cast<char>(*text);
+    return out;
+}
+
+VARTYPE TypeOf(ValueType type) {
+    switch (type) {
+        case ValueType::String:
+            return VT_BSTR;
+        case ValueType::Long:
+            return VT_I4;
+        case ValueType::Byte:
+            return VT_UI1;
+        case ValueType::Boolean:
+            return VT_BOOL;
+        case ValueType::Variant:
+            return VT_VARIANT;
+        case ValueType::Object:
+            return VT_PTR;
+        case ValueType::Void:
+            break;
+    }
+    return VT_VOID;
+}
+
+const char* KindName(MemberKind kind) {
+    return kind == MemberKind::Method ? "method" : kind == MemberKind::PropertyGet ? "get" : "put";
+}
+
+// "name id kind (param:vt:flags ...)": one line per member, the same for a
+// row of the table and for a function of the type library.
+std::string RowLine(const MemberInfo& m) {
+    std::string line = std::string(m.name) + " " + std::to_string(m.dispId) + " " + KindName(m.kind) + " (";
+    for (const auto& p : m.params) {
+        // Enumerations are 32-bit user types; the library shows them as such.
+        const bool isEnum = p.type == ValueType::Long && p.typeName != "Long";
+        line += std::string(p.name) + ":" + (isEnum ? "enum" : std::to_string(TypeOf(p.type))) +
+                (p.inOut ? ":inout" : ":in") + (p.optional ? ":opt" : "") + " ";
+    }
+    return line + ")";
+}
+
+std::string FunctionLine(ITypeInfo* info, const FUNCDESC* f) {
+    BSTR names[32] = {};
+    UINT count = 0;
+    info->GetNames(f->memid, names, 32, &count);
+    const MemberKind kind = f->invkind == INVOKE_PROPERTYGET   ? MemberKind::PropertyGet
+                            : f->invkind == INVOKE_PROPERTYPUT ? MemberKind::PropertyPut
+                                                               : MemberKind::Method;
+    std::string line = Narrow(names[0]) + " " + std::to_string(f->memid) + " " + KindName(kind) + " (";
+    for (SHORT i = 0; i < f->cParams; ++i) {
+        const ELEMDESC& e = f->lprgelemdescParam[i];
+        const USHORT flags = e.paramdesc.wParamFlags;
+        if (flags & PARAMFLAG_FRETVAL) continue;
+        // Names are looked up by id, which a put shares with its get: a put's
+        // value is called by its role, as the table calls it.
+        const std::string name = kind == MemberKind::PropertyPut    ? "Value"
+                                 : static_cast<UINT>(i + 1) < count ? Narrow(names[i + 1])
+                                                                    : "?";
+        const TYPEDESC* t = &e.tdesc;
+        const bool inOut = (flags & PARAMFLAG_FOUT) != 0;
+        if (inOut && t->vt == VT_PTR) t = t->lptdesc;
+        const std::string type = t->vt == VT_USERDEFINED ? "enum" : std::to_string(t->vt);
+        const bool optional = (flags & (PARAMFLAG_FOPT | PARAMFLAG_FHASDEFAULT)) != 0;
+        line += name + ":" + type + (inOut ? ":inout" : ":in") + (optional ? ":opt" : "") + " ";
+    }
+    for (UINT i = 0; i < count; ++i)
+        SysFreeString(names[i]);
+    return line + ")";
+}
+
+void CheckTypeLibrary(const std::wstring& dll) {
+    ITypeLib* library = nullptr;
+    Expect(SUCCEEDED(LoadTypeLibEx(dll.c_str(), REGKIND_NONE, &library)), "the DLL carries a type library");
+    if (library == nullptr) return;
+    for (const auto& [name, guid] :
+         {std::pair{"_Encoder", win::kEncoderInterfaceGuid}, std::pair{"_CError", win::kErrorInterfaceGuid}}) {
+        std::set<std::string> expected;
+        for (const auto& row : MemberRows()) {
+            if (row.info.interfaceName == name) expected.insert(RowLine(row.info));
+        }
+        ITypeInfo* dispatch = nullptr;
+        ITypeInfo* info = nullptr;
+        HREFTYPE vtable = 0;
+        // The dual interface's own functions, without those of IDispatch.
+        if (FAILED(library->GetTypeInfoOfGuid(guid, &dispatch)) ||
+            FAILED(dispatch->GetRefTypeOfImplType(-1, &vtable)) || FAILED(dispatch->GetRefTypeInfo(vtable, &info))) {
+            Expect(false, std::string(name) + " is a dual interface of the library");
+            continue;
+        }
+        TYPEATTR* attributes = nullptr;
+        info->GetTypeAttr(&attributes);
+        std::set<std::string> found;
+        for (WORD i = 0; i < attributes->cFuncs; ++i) {
+            FUNCDESC* f = nullptr;
+            info->GetFuncDesc(i, &f);
+            found.insert(FunctionLine(info, f));
+            info->ReleaseFuncDesc(f);
+        }
+        info->ReleaseTypeAttr(attributes);
+        for (const auto& line : expected)
+            Expect(found.count(line) == 1, std::string(name) + ": the library lacks " + line);
+        for (const auto& line : found)
+            Expect(expected.count(line) == 1, std::string(name) + ": the table lacks " + line);
+        info->Release();
+        dispatch->Release();
+    }
+    library->Release();
+}
+
+VARIANT Text(const wchar_t* text) {
+    VARIANT v;
+    VariantInit(&v);
+    V_VT(&v) = VT_BSTR;
+    V_BSTR(&v) = SysAllocString(text);
+    return v;
+}
+
+VARIANT Long(LONG value) {
+    VARIANT v;
+    VariantInit(&v);
+    V_VT(&v) = VT_I4;
+    V_I4(&v) = value;
+    return v;
+}
+
+VARIANT Missing() {
+    VARIANT v;
+    VariantInit(&v);
+    V_VT(&v) = VT_ERROR;
+    V_ERROR(&v) = DISP_E_PARAMNOTFOUND;
+    return v;
+}
+
+struct Call {
+    const char* what;
+    const wchar_t* member;
+    std::vector<VARIANT> args;  // in the member's order
+    WORD flags;
+    HRESULT expected;
+    UINT argumentError;  // as Invoke reports it: counted from the last argument
+};
+
+void CheckInvoke(IDispatch* encoder) {
+    // Case-insensitive names, as automation expects.
+    for (const wchar_t* spelling : {L"ReadDataBloc", L"readdatabloc", L"READDATABLOC"}) {
+        LPOLESTR name = const_cast<LPOLESTR>(spelling);
+        DISPID id = 0;
+        Expect(encoder->GetIDsOfNames(IID_NULL, &name, 1, 0, &id) == S_OK && id == 30,
+               "GetIDsOfNames " + Narrow(spelling) + " gives 30");
+    }
+    LPOLESTR unknown = const_cast<LPOLESTR>(L"NoSuchMember");
+    DISPID id = 0;
+    Expect(encoder->GetIDsOfNames(IID_NULL, &unknown, 1, 0, &id) == DISP_E_UNKNOWNNAME && id == DISPID_UNKNOWN,
+           "GetIDsOfNames of an unknown name");
+
+    BSTR contents = SysAllocString(L"untouched");
+    LONG wrongReference = 0;
+    VARIANT byStringRef;
+    V_VT(&byStringRef) = VT_BYREF | VT_BSTR;
+    V_BSTRREF(&byStringRef) = &contents;
+    VARIANT byLongRef;
+    V_VT(&byLongRef) = VT_BYREF | VT_I4;
+    V_I4REF(&byLongRef) = &wrongReference;
+    VARIANT object;
+    V_VT(&object) = VT_DISPATCH;
+    V_DISPATCH(&object) = encoder;
+
+    const std::vector<Call> calls{
+        {"too few arguments", L"ReadDataBloc", {Long(4)}, DISPATCH_METHOD, DISP_E_BADPARAMCOUNT, ~0u},
+        {"too many arguments", L"CloseEncoder", {Long(1)}, DISPATCH_METHOD, DISP_E_BADPARAMCOUNT, ~0u},
+        {"text for a Byte",
+         L"ReadDataBloc",
+         {Long(4), Text(L"FFFFFFFFFFFF"), Text(L"x"), byStringRef},
+         DISPATCH_METHOD,
+         DISP_E_TYPEMISMATCH,
+         1},
+        {"an object for a Long",
+         L"ReadDataBloc",
+         {object, Text(L"FFFFFFFFFFFF"), Long(0), byStringRef},
+         DISPATCH_METHOD,
+         DISP_E_TYPEMISMATCH,
+         3},
+        {"a Byte out of range",
+         L"ReadDataBloc",
+         {Long(4), Text(L"FFFFFFFFFFFF"), Long(256), byStringRef},
+         DISPATCH_METHOD,
+         DISP_E_OVERFLOW,
+         1},
+        {"a reference to a Long for a String",
+         L"ReadDataBloc",
+         {Long(4), Text(L"FFFFFFFFFFFF"), Long(0), byLongRef},
+         DISPATCH_METHOD,
+         DISP_E_TYPEMISMATCH,
+         0},
+        {"a required argument left out",
+         L"ReadDataBloc",
+         {Long(4), Missing(), Long(0), byStringRef},
+         DISPATCH_METHOD,
+         DISP_E_PARAMNOTOPTIONAL,
+         2},
+        {"an optional argument left out", L"OpenEncoder", {Missing()}, DISPATCH_METHOD, S_OK, ~0u},
+        {"a member's own failure",
+         L"ReadDataBloc",
+         {Long(4), Text(L"FFFF"), Long(0), byStringRef},
+         DISPATCH_METHOD,
+         S_OK,
+         ~0u},
+    };
+    for (const auto& call : calls) {
+        LPOLESTR name = const_cast<LPOLESTR>(call.member);
+        encoder->GetIDsOfNames(IID_NULL, &name, 1, 0, &id);
+        std::vector<VARIANT> reversed(call.args.rbegin(), call.args.rend());
+        DISPPARAMS params{reversed.data(), nullptr, static_cast<UINT>(reversed.size()), 0};
+        VARIANT result;
+        VariantInit(&result);
+        UINT argumentError = ~0u;
+        const HRESULT hr = encoder->Invoke(id, IID_NULL, 0, call.flags, &params, &result, nullptr, &argumentError);
+        char text[160];
+        std::snprintf(text, sizeof text, "%s: HRESULT %08lX (expected %08lX), argument %u (expected %u)", call.what,
+                      static_cast<unsigned long>(hr), static_cast<unsigned long>(call.expected), argumentError,
+                      call.argumentError);
+        Expect(hr == call.expected && argumentError == call.argumentError, text);
+        // A refused call runs nothing, so nothing is written back.
+        if (hr != S_OK) Expect(Narrow(contents) == "untouched", std::string(call.what) + ": in/out text changed");
+        VariantClear(&result);
+    }
+    // The member's own failure (on a closed encoder) empties the block through the reference.
+    Expect(Narrow(contents).empty(), "in/out text written back: " + Narrow(contents));
+    SysFreeString(contents);
+}
+
+// DESFireGetVersion -2 into a VARIANT passed by reference: the whole
+// version record as a SAFEARRAY of bytes.
+void CheckByteArray(IDispatch* encoder, const wchar_t* reader) {
+    DISPID id = 0;
+    auto dispatch = [&](const wchar_t* member, WORD flags, std::vector<VARIANT> args, DISPID* named = nullptr) {
+        LPOLESTR name = const_cast<LPOLESTR>(member);
+        encoder->GetIDsOfNames(IID_NULL, &name, 1, 0, &id);
+        std::vector<VARIANT> reversed(args.rbegin(), args.rend());
+        DISPPARAMS params{reversed.data(), named, static_cast<UINT>(reversed.size()), named != nullptr ? 1u : 0u};
+        VARIANT result;
+        VariantInit(&result);
+        const HRESULT hr = encoder->Invoke(id, IID_NULL, 0, flags, &params, &result, nullptr, nullptr);
+        const bool ok = SUCCEEDED(hr) && (V_VT(&result) == VT_EMPTY || (V_VT(&result) == VT_I4 && V_I4(&result) == 0));
+        Expect(ok, Narrow(member) + " succeeds");
+        VariantClear(&result);
+    };
+    DISPID put = DISPID_PROPERTYPUT;
+    dispatch(L"Parameters", DISPATCH_PROPERTYPUT, {Text((L"Device=" + std::wstring(reader)).c_str())}, &put);
+    dispatch(L"OpenEncoder", DISPATCH_METHOD, {});
+    dispatch(L"DESFireSelectRoot", DISPATCH_METHOD, {Text(L"0000000000000000")});
+    VARIANT information;
+    VariantInit(&information);
+    VARIANT reference;
+    V_VT(&reference) = VT_BYREF | VT_VARIANT;
+    V_VARIANTREF(&reference) = &information;
+    dispatch(L"DESFireGetVersion", DISPATCH_METHOD, {Long(-2), reference});
+    std::string hex;
+    if (V_VT(&information) == (VT_ARRAY | VT_UI1)) {
+        unsigned char* bytes = nullptr;
+        SafeArrayAccessData(V_ARRAY(&information), reinterpret_cast<void**>(&bytes));
+        for (ULONG i = 0; i < V_ARRAY(&information)->rgsabound[0].cElements; ++i) {
+            char pair[3];
+            std::snprintf(pair, sizeof pair, "%02X", bytes[i]);
+            hex += pair;
+        }
+        SafeArrayUnaccessData(V_ARRAY(&information));
+    }
+    Expect(hex == "0401010100180504010101041805045A3B2C1D0E80BA451260302C13",
+           "DESFireGetVersion -2 as VT_ARRAY | VT_UI1: " + std::to_string(V_VT(&information)) + " " + hex);
+    VariantClear(&information);
+}
+
+}  // namespace
+
+int wmain(int argc, wchar_t** argv) {
+    if (argc != 2 && argc != 3) {
+        std::printf("usage: com_check DLL [READER]\n");
+        return 2;
+    }
+    CoInitialize(nullptr);
+    CheckTypeLibrary(argv[1]);
+
+    HMODULE dll = LoadLibraryW(argv[1]);
+    using GetClassObject = HRESULT(STDAPICALLTYPE*)(REFCLSID, REFIID, void**);
+    using CanUnloadNow = HRESULT(STDAPICALLTYPE*)();
+    // Through a function type without parameters: the one cast between function types that is clean.
+    using Untyped = void (*)();
+    auto getClassObject =
+        reinterpret_cast<GetClassObject>(reinterpret_cast<Untyped>(GetProcAddress(dll, "DllGetClassObject")));
+    auto canUnloadNow =
+        reinterpret_cast<CanUnloadNow>(reinterpret_cast<Untyped>(GetProcAddress(dll, "DllCanUnloadNow")));
+    IClassFactory* factory = nullptr;
+    IDispatch* encoder = nullptr;
+    Expect(getClassObject != nullptr && canUnloadNow != nullptr, "the DLL exports its entry points");
+    if (getClassObject != nullptr && canUnloadNow != nullptr) {
+        Expect(SUCCEEDED(getClassObject(win::kEncoderClassGuid, IID_IClassFactory, reinterpret_cast<void**>(&factory))),
+               "class factory of Encoder");
+        Expect(getClassObject(win::kErrorInterfaceGuid, IID_IClassFactory, reinterpret_cast<void**>(&encoder)) ==
+                   CLASS_E_CLASSNOTAVAILABLE,
+               "no factory for another class");
+        if (factory != nullptr) {
+            Expect(SUCCEEDED(factory->CreateInstance(nullptr, IID_IDispatch, reinterpret_cast<void**>(&encoder))),
+                   "an Encoder through IDispatch");
+            factory->Release();
+        }
+        if (encoder != nullptr) {
+            Expect(canUnloadNow() == S_FALSE, "the DLL stays while an Encoder lives");
+            CheckInvoke(encoder);
+            if (argc == 3) CheckByteArray(encoder, argv[2]);
+            encoder->Release();
+        }
+        Expect(canUnloadNow() == S_OK, "the DLL may unload once every object is gone");
+    }
+    std::printf("com_check: %d failed\n", failures);
+    CoUninitialize();
+    return failures;
+}
