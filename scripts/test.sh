@@ -34,7 +34,7 @@ if [ "${ELATECTWN4_SKIP_WINDOWS:-0}" = 1 ]; then
   echo "SKIPPED: Windows COM server tests (ELATECTWN4_SKIP_WINDOWS=1)"
 elif scripts/install-windows-deps.sh; then
   { scripts/build-windows.sh && scripts/test-windows.sh; } || status=1
-elif command -v x86_64-w64-mingw32-g++-posix >/dev/null && command -v wine64 >/dev/null; then
+elif command -v x86_64-w64-mingw32-g++-posix >/dev/null && command -v wine >/dev/null; then
   echo "SKIPPED: 32-bit Windows tests (wine32 could not be installed); running the 64-bit ones"
   { scripts/build-windows.sh && scripts/test-windows.sh x86_64; } || status=1
 else

@@ -43,7 +43,10 @@ public:
     }
     /// A text of up to `longest` bytes, its length taken from the input.
     std::string Text(std::size_t longest = 64) {
-        const std::size_t n = std::min<std::size_t>(Byte() % (longest + 1), rest_.size());
+        // The length byte is taken first: as arguments of one call, the two
+        // could be evaluated in either order.
+        const std::size_t wanted = Byte() % (longest + 1);
+        const std::size_t n = std::min(wanted, rest_.size());
         std::string text(rest_.substr(0, n));
         rest_.remove_prefix(n);
         return text;
