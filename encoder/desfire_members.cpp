@@ -91,9 +91,12 @@ sceReturnCode Encoder::DESFireChangeKeySettings(DesfireKeySettings KeySettings) 
 
 namespace {
 
-desfire::AccessRights Rights(DesfireAccessRights read, DesfireAccessRights write, DesfireAccessRights readWrite,
-                             DesfireAccessRights change) {
-    return {read, write, readWrite, change};
+// Runs a file member whose worker takes the four access rights as one value.
+template <typename Work>
+sceReturnCode RunWithRights(Encoder::Impl& impl, const char* name, DesfireAccessRights read, DesfireAccessRights write,
+                            DesfireAccessRights readWrite, DesfireAccessRights change, Work&& work) noexcept {
+    const desfire::AccessRights rights{read, write, readWrite, change};
+    return RunDesfire(impl, name, [&](desfire::Context& ctx) { return work(ctx, rights); });
 }
 
 }  // namespace
@@ -108,10 +111,11 @@ sceReturnCode Encoder::DESFireCreateStdDataFile(std::int32_t FileNumber,
                                                 DesfireAccessRights KeyRead, DesfireAccessRights KeyWrite,
                                                 DesfireAccessRights KeyReadWrite, DesfireAccessRights KeyManage,
                                                 std::int32_t FileSize) {
-    return RunDesfire(*impl_, "DESFireCreateStdDataFile", [&](desfire::Context& ctx) {
-        return desfire::DESFireCreateStdDataFile(ctx, FileNumber, CommunicationSettings,
-                                                 Rights(KeyRead, KeyWrite, KeyReadWrite, KeyManage), FileSize);
-    });
+    return RunWithRights(*impl_, "DESFireCreateStdDataFile", KeyRead, KeyWrite, KeyReadWrite, KeyManage,
+                         [&](desfire::Context& ctx, const desfire::AccessRights& rights) {
+                             return desfire::DESFireCreateStdDataFile(ctx, FileNumber, CommunicationSettings, rights,
+                                                                      FileSize);
+                         });
 }
 
 sceReturnCode Encoder::DESFireCreateBackupDataFile(std::int32_t FileNumber,
@@ -119,10 +123,11 @@ sceReturnCode Encoder::DESFireCreateBackupDataFile(std::int32_t FileNumber,
                                                    DesfireAccessRights KeyRead, DesfireAccessRights KeyWrite,
                                                    DesfireAccessRights KeyReadWrite, DesfireAccessRights KeyManage,
                                                    std::int32_t FileSize) {
-    return RunDesfire(*impl_, "DESFireCreateBackupDataFile", [&](desfire::Context& ctx) {
-        return desfire::DESFireCreateBackupDataFile(ctx, FileNumber, CommunicationSettings,
-                                                    Rights(KeyRead, KeyWrite, KeyReadWrite, KeyManage), FileSize);
-    });
+    return RunWithRights(*impl_, "DESFireCreateBackupDataFile", KeyRead, KeyWrite, KeyReadWrite, KeyManage,
+                         [&](desfire::Context& ctx, const desfire::AccessRights& rights) {
+                             return desfire::DESFireCreateBackupDataFile(ctx, FileNumber, CommunicationSettings, rights,
+                                                                         FileSize);
+                         });
 }
 
 sceReturnCode Encoder::DESFireCreateValueFile(std::int32_t FileNumber,
@@ -131,11 +136,12 @@ sceReturnCode Encoder::DESFireCreateValueFile(std::int32_t FileNumber,
                                               DesfireAccessRights KeyReadWrite, DesfireAccessRights KeyManage,
                                               std::int32_t LowerLimit, std::int32_t UpperLimit,
                                               std::int32_t InitialValue, bool LimitedCreditEnabled) {
-    return RunDesfire(*impl_, "DESFireCreateValueFile", [&](desfire::Context& ctx) {
-        return desfire::DESFireCreateValueFile(ctx, FileNumber, CommunicationSettings,
-                                               Rights(KeyRead, KeyWrite, KeyReadWrite, KeyManage), LowerLimit,
-                                               UpperLimit, InitialValue, LimitedCreditEnabled);
-    });
+    return RunWithRights(*impl_, "DESFireCreateValueFile", KeyRead, KeyWrite, KeyReadWrite, KeyManage,
+                         [&](desfire::Context& ctx, const desfire::AccessRights& rights) {
+                             return desfire::DESFireCreateValueFile(ctx, FileNumber, CommunicationSettings, rights,
+                                                                    LowerLimit, UpperLimit, InitialValue,
+                                                                    LimitedCreditEnabled);
+                         });
 }
 
 sceReturnCode Encoder::DESFireCreateLinearRecordFile(std::int32_t FileNumber,
@@ -143,11 +149,11 @@ sceReturnCode Encoder::DESFireCreateLinearRecordFile(std::int32_t FileNumber,
                                                      DesfireAccessRights KeyRead, DesfireAccessRights KeyWrite,
                                                      DesfireAccessRights KeyReadWrite, DesfireAccessRights KeyManage,
                                                      std::int32_t RecordSize, std::int32_t MaxNumOfRecords) {
-    return RunDesfire(*impl_, "DESFireCreateLinearRecordFile", [&](desfire::Context& ctx) {
-        return desfire::DESFireCreateLinearRecordFile(ctx, FileNumber, CommunicationSettings,
-                                                      Rights(KeyRead, KeyWrite, KeyReadWrite, KeyManage), RecordSize,
-                                                      MaxNumOfRecords);
-    });
+    return RunWithRights(*impl_, "DESFireCreateLinearRecordFile", KeyRead, KeyWrite, KeyReadWrite, KeyManage,
+                         [&](desfire::Context& ctx, const desfire::AccessRights& rights) {
+                             return desfire::DESFireCreateLinearRecordFile(ctx, FileNumber, CommunicationSettings,
+                                                                           rights, RecordSize, MaxNumOfRecords);
+                         });
 }
 
 sceReturnCode Encoder::DESFireCreateCyclicRecordFile(std::int32_t FileNumber,
@@ -155,11 +161,11 @@ sceReturnCode Encoder::DESFireCreateCyclicRecordFile(std::int32_t FileNumber,
                                                      DesfireAccessRights KeyRead, DesfireAccessRights KeyWrite,
                                                      DesfireAccessRights KeyReadWrite, DesfireAccessRights KeyManage,
                                                      std::int32_t RecordSize, std::int32_t MaxNumOfRecords) {
-    return RunDesfire(*impl_, "DESFireCreateCyclicRecordFile", [&](desfire::Context& ctx) {
-        return desfire::DESFireCreateCyclicRecordFile(ctx, FileNumber, CommunicationSettings,
-                                                      Rights(KeyRead, KeyWrite, KeyReadWrite, KeyManage), RecordSize,
-                                                      MaxNumOfRecords);
-    });
+    return RunWithRights(*impl_, "DESFireCreateCyclicRecordFile", KeyRead, KeyWrite, KeyReadWrite, KeyManage,
+                         [&](desfire::Context& ctx, const desfire::AccessRights& rights) {
+                             return desfire::DESFireCreateCyclicRecordFile(ctx, FileNumber, CommunicationSettings,
+                                                                           rights, RecordSize, MaxNumOfRecords);
+                         });
 }
 
 sceReturnCode Encoder::DESFireDeleteFile(std::int32_t FileNumber) {
@@ -176,10 +182,10 @@ sceReturnCode Encoder::DESFireChangeFileSettings(std::int32_t FileNo,
                                                  DesfireCommunicationSettings CommunicationSettings,
                                                  DesfireAccessRights KeyRead, DesfireAccessRights KeyWrite,
                                                  DesfireAccessRights KeyReadWrite, DesfireAccessRights KeyManage) {
-    return RunDesfire(*impl_, "DESFireChangeFileSettings", [&](desfire::Context& ctx) {
-        return desfire::DESFireChangeFileSettings(ctx, FileNo, CommunicationSettings,
-                                                  Rights(KeyRead, KeyWrite, KeyReadWrite, KeyManage));
-    });
+    return RunWithRights(*impl_, "DESFireChangeFileSettings", KeyRead, KeyWrite, KeyReadWrite, KeyManage,
+                         [&](desfire::Context& ctx, const desfire::AccessRights& rights) {
+                             return desfire::DESFireChangeFileSettings(ctx, FileNo, CommunicationSettings, rights);
+                         });
 }
 
 sceReturnCode Encoder::DESFireCommitTransaction() {

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
@@ -16,11 +17,25 @@
 #include "support/record_text.h"
 #include "support/scripted_pcsc.h"
 
+// A table row's call of member `fn` with the given arguments, and its name.
+#define CALL(fn, ...) [&](Context& c) { return fn(c __VA_OPT__(, ) __VA_ARGS__); }, #fn
+
 namespace elatectwn4::desfire {
 
 using desfire_test::Bytes;
+using desfire_test::Concat;
+using desfire_test::Hex;
 using desfire_test::Key;
+using desfire_test::MakeKey;
+using desfire_test::SendMode;
 using desfire_test::ToHex;
+using desfire_test::WithCrc;
+using Call = std::function<sceReturnCode(Context&)>;
+using Script = std::vector<std::pair<std::string, std::string>>;
+
+inline const Key kSession = MakeKey("4A1B7C3D5E6F708192A3B4C5D6E7F809");  // the halves differ
+inline const std::string kApp = "A1B2C3";
+inline const std::string kCard(kCardLevel);
 
 /// The record line of a component error with its own text.
 inline std::string Line(ErrorNumber number, const std::string& comFunction, const std::string& rdrCommand = {},
@@ -28,13 +43,18 @@ inline std::string Line(ErrorNumber number, const std::string& comFunction, cons
     return test::RecordText(static_cast<std::uint32_t>(number), std::string(ErrorDescription(number)), 0, comFunction,
                             rdrCommand, rdrRetCode);
 }
-
+/// The record of a member that failed on the card's answer.
+inline std::string Failed(const std::string& member, const std::string& command, const std::string& status) {
+    return Line(ErrorNumber::OperationFailed, member, "SCardTransmit:" + command, status);
+}
 /// The record after a success of `comFunction`.
 inline std::string Cleared(const std::string& comFunction) {
     return test::RecordText(0, "", 0, comFunction, "", "");
 }
-
-/// A block rotated left by one byte.
+inline Bytes Crc(const Bytes& data) {
+    const std::uint16_t c = desfire_test::CrcA(data);
+    return {static_cast<std::uint8_t>(c), static_cast<std::uint8_t>(c >> 8)};
+}
 inline Bytes Rotated(const Bytes& block) {
     Bytes out(block.begin() + 1, block.end());
     out.push_back(block.front());
@@ -49,9 +69,7 @@ struct CardSide {
     Bytes rndB;
 
     Bytes Challenge() const { return desfire_test::Cipher(key, rndB, true); }
-    Bytes Token(const Bytes& rndA) const {
-        return desfire_test::SendMode(key, desfire_test::Concat({rndA, Rotated(rndB)}));
-    }
+    Bytes Token(const Bytes& rndA) const { return SendMode(key, Concat({rndA, Rotated(rndB)})); }
     Bytes Proof(const Bytes& rndA) const { return desfire_test::Cipher(key, Rotated(rndA), true); }
 };
 
@@ -65,29 +83,23 @@ protected:
 
     std::string Record() const { return test::RecordText(record); }
 
-    /// The authentication draws exactly these bytes for RndA.
-    void FixRndA(const Bytes& rndA) {
-        session.random = [rndA](std::span<std::uint8_t> out) {
-            ASSERT_EQ(out.size(), rndA.size());
-            std::copy(rndA.begin(), rndA.end(), out.begin());
-        };
-    }
-
-    /// A session as an authentication with `key` would leave it.
-    void OpenSession(const Key& sessionKey, std::int32_t keyNumber = 0, std::string application = "A1B2C3") {
+    /// A session as an authentication would leave it.
+    void OpenSession(const Key& sessionKey, std::int32_t keyNumber = 0, std::string application = kApp) {
         std::copy(sessionKey.begin(), sessionKey.end(), session.sessionKey.data());
         session.authenticatedKeyNumber = keyNumber;
         session.selectedApplicationId = std::move(application);
     }
-
-    /// A fresh script: each command (hex text, "??" for any byte) answered as given.
-    void ScriptExchanges(const std::vector<std::pair<std::string, std::string>>& exchanges) {
+    /// A fresh script (hex commands, "??" for any byte, with their answers)
+    /// and a session with `keyNumber` in `application` ("" = none).
+    void Play(const Script& exchanges, const std::string& application = kApp, std::int32_t keyNumber = 0,
+              const Key& key = kSession) {
         fake = std::make_shared<test::ScriptedPcsc>();
         channel.pcsc = fake.get();
         for (const auto& [command, answer] : exchanges)
             fake->Expect(command).Reply(answer);
+        session.Reset();
+        if (!application.empty()) OpenSession(key, keyNumber, application);
     }
-
     Key SessionKeyNow() const {
         Key key{};
         std::copy(session.sessionKey.data(), session.sessionKey.data() + 16, key.begin());

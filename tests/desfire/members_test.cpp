@@ -1,8 +1,7 @@
-// Applications and keys: the checks before anything is sent, the exact
-// frames, and what the members make of the card's answers.
+// The members against the scripted card: the checks before anything is sent,
+// the exact frames, and what they make of the card's answers.
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -10,23 +9,21 @@
 #include "apdu_fixture.h"
 #include "command/error_record.h"
 #include "desfire/exchange.h"
+#include "desfire/files.h"
+#include "desfire/transfer.h"
+#include "desfire/values.h"
 
 namespace elatectwn4::desfire {
 namespace {
 
-using desfire_test::Concat;
-using desfire_test::Hex;
-using desfire_test::MakeKey;
-using desfire_test::SendMode;
+using E = ErrorNumber;
 
-const Key kSession = MakeKey("4A1B7C3D5E6F708192A3B4C5D6E7F809");
-const std::string kApp = "A1B2C3";
-const std::string kCard(kCardLevel);
-
-Bytes Crc(const Bytes& data) {
-    const std::uint16_t c = desfire_test::CrcA(data);
-    return {static_cast<std::uint8_t>(c), static_cast<std::uint8_t>(c >> 8)};
-}
+const AccessRights kRights{1, 2, 3, 0};  // read, write, read&write, change
+const AccessRights kFree{14, 14, 14, 14};
+const AccessRights kBadChange{1, 2, 3, 16};
+const AccessRights kBadRead{-1, 2, 3, 0};
+const std::string key16 = "0011223344556677";
+const std::string key32 = ToHex(kSession);
 
 // The version record of the simulated EV1 with storage code `storage`.
 Bytes Version(std::uint8_t storage = 0x18) {
@@ -36,44 +33,26 @@ Bytes Version(std::uint8_t storage = 0x18) {
 
 class DesfireMembers : public DesfireApdu {
 protected:
-    // What a row of a table runs: a member with the outputs it writes.
-    std::string applications = "unchanged";
+    // The out-arguments the rows write.
+    std::string text = "unchanged";
     Variant information;
-    std::int32_t keyVersion = -7;
-    std::int32_t keySettings = -7;
-    std::int32_t keyCount = -7;
-
-    // `application` "" = no session; otherwise a session with key `keyNumber`.
-    void UseSession(const std::string& application, std::int32_t keyNumber = 0) {
-        session.Reset();
-        if (!application.empty()) OpenSession(kSession, keyNumber, application);
-    }
-    void Script(const std::vector<std::pair<std::string, std::string>>& exchanges) {
-        fake = std::make_shared<test::ScriptedPcsc>();
-        channel.pcsc = fake.get();
-        for (const auto& [command, answer] : exchanges)
-            fake->Expect(command).Reply(answer);
-    }
+    std::int32_t number = -7, count = -7;
 };
 
 TEST(DesfireStatus, TheNativeAndTheWrappedFormOfAStatusAreTheSameAnswer) {
     using command::StatusWord;
-    struct Row {
+    const struct {
         std::optional<StatusWord> status;
         std::uint8_t code;
         bool same;
-    };
-    const Row rows[] = {{StatusWord::Native(0x00), 0x00, true},
-                        {StatusWord::Iso(0x9100), 0x00, true},
-                        {StatusWord::Native(0xAF), 0xAF, true},
-                        {StatusWord::Iso(0x91AF), 0xAF, true},
-                        {StatusWord::Iso(0x910C), 0x0C, true},
-                        {StatusWord::Iso(0x9000), 0x00, false},
-                        {StatusWord::Native(0x0C), 0x00, false},
-                        {StatusWord::Iso(0x0000), 0x00, false},
-                        {StatusWord{}, 0x00, false},
-                        {std::nullopt, 0x00, false}};
-    for (const Row& row : rows) {
+    } rows[] = {{StatusWord::Native(0xAF), 0xAF, true},
+                {StatusWord::Iso(0x91AF), 0xAF, true},
+                {StatusWord::Iso(0x910C), 0x0C, true},
+                {StatusWord::Iso(0x9000), 0x00, false},
+                {StatusWord::Native(0x0C), 0x00, false},
+                {StatusWord{}, 0x00, false},
+                {std::nullopt, 0x00, false}};
+    for (const auto& row : rows) {
         Reply reply;
         reply.status = row.status;
         EXPECT_EQ(reply.IsStatus(row.code), row.same) << reply.StatusText() << " " << int{row.code};
@@ -81,55 +60,33 @@ TEST(DesfireStatus, TheNativeAndTheWrappedFormOfAStatusAreTheSameAnswer) {
 }
 
 TEST_F(DesfireMembers, AnExchangeTellsAnAnswerARefusalAndAReaderFailureApart) {
-    struct Row {
+    using O = Reply::Outcome;
+    const struct {
         std::uint32_t code;
         command::Params params;
-        std::string sent;
-        std::string answer;  // "" with failure: the transmission fails
-        std::uint32_t failure;
-        Reply::Outcome outcome;
+        std::string sent, answer;  // "" answer: the transmission fails
+        O outcome;
         std::string command, status, data;
-    };
-    using O = Reply::Outcome;
-    const std::string keySettings = "DesfireGetKeySettings";
-    const Row rows[] = {
-        {command::cmd::DesfireGetKeySettings, {}, "45", "00 0F 01", 0, O::Answered, keySettings, "00", "0F01"},
-        {command::cmd::DesfireGetKeySettings, {}, "45", "AE", 0, O::Refused, keySettings, "AE", ""},
-        {command::cmd::DesfireGetKeySettings,
-         {},
-         "45",
-         "",
-         pcsc_code::RemovedCard,
-         O::ReaderFailed,
-         keySettings,
-         "FFFF",
-         ""},
+    } rows[] = {
+        {command::cmd::DesfireGetKeySettings, {}, "45", "00 0F 01", O::Answered, "DesfireGetKeySettings", "00", "0F01"},
+        {command::cmd::DesfireGetKeySettings, {}, "45", "AE", O::Refused, "DesfireGetKeySettings", "AE", ""},
+        {command::cmd::DesfireGetKeySettings, {}, "45", "", O::ReaderFailed, "DesfireGetKeySettings", "FFFF", ""},
         // A continuation is named after the transfer it continues.
         {command::cmd::DesfireContinue,
          {std::string("DesfireWriteData"), std::string("02"), std::string("AABB")},
          "AFAABB",
          "1E",
-         0,
          O::Refused,
          "DesfireWriteData",
          "1E",
          ""},
     };
-    // More frames announced for ever: the command layer gives up, not the card.
-    fake->Expect("60").Reply("AF 01");
-    fake->Expect("AF").Reply("AF 01").Times(command::MaxContinuationFrames);
-    const Reply endless = Exchange(ctx, command::cmd::DesfireGetVersion, {}, {.moreResponse = true});
-    EXPECT_EQ(endless.outcome, Reply::Outcome::ReaderFailed);
-    EXPECT_EQ(endless.StatusText(), "AF");
-
-    for (const Row& row : rows) {
-        fake = std::make_shared<test::ScriptedPcsc>();
-        channel.pcsc = fake.get();
-        auto& expected = fake->Expect(row.sent);
-        if (row.failure != 0) {
-            expected.Fail(row.failure);
+    for (const auto& row : rows) {
+        Play({});
+        if (row.answer.empty()) {
+            fake->Expect(row.sent).Fail(pcsc_code::RemovedCard);
         } else {
-            expected.Reply(row.answer);
+            fake->Expect(row.sent).Reply(row.answer);
         }
         const Reply reply = Exchange(ctx, row.code, row.params, {.moreResponse = true});
         EXPECT_EQ(reply.outcome, row.outcome) << row.answer;
@@ -137,239 +94,322 @@ TEST_F(DesfireMembers, AnExchangeTellsAnAnswerARefusalAndAReaderFailureApart) {
         EXPECT_EQ(reply.StatusText(), row.status);
         EXPECT_EQ(ToHex(reply.data.view()), row.data);
     }
+    // More frames announced for ever: the command layer gives up, not the card.
+    Play({{"60", "AF 01"}});
+    fake->Expect("AF").Reply("AF 01").Times(command::MaxContinuationFrames);
+    const Reply endless = Exchange(ctx, command::cmd::DesfireGetVersion, {}, {.moreResponse = true});
+    EXPECT_EQ(endless.outcome, O::ReaderFailed);
+    EXPECT_EQ(endless.StatusText(), "AF");
 }
 
 TEST_F(DesfireMembers, ChecksComeFirstInTheirOrderAndNothingIsSent) {
-    using Call = std::function<sceReturnCode(Context&)>;
-    struct Row {
-        std::string application;  // the session; "" = none
+    const struct {
+        std::string application;  // the session's; "" = none
         Call call;
-        ErrorNumber number;
-        std::string comFunction;
+        const char* member;
+        E number;
+    } rows[] = {
+        {"", CALL(DESFireSelectApplication, "A1B2C", 0, key16), E::IncorrectApplicationId},
+        {"", CALL(DESFireSelectApplication, "A1B2C3D4", 0, key16), E::IncorrectApplicationId},
+        {"", CALL(DESFireSelectApplication, "A1B2G3", 99, "XX"), E::IncorrectApplicationId},
+        {"", CALL(DESFireSelectApplication, kApp, 14, "XX"), E::BadKeyNumber},
+        {"", CALL(DESFireSelectApplication, kApp, -1, ""), E::BadKeyNumber},
+        {"", CALL(DESFireSelectApplication, kApp, 0, "11223344556677XX"), E::InvalidKey},
+        {"", CALL(DESFireSelectApplication, kApp, 0, "11-22"), E::InvalidKey},
+        {"", CALL(DESFireSelectApplication, kApp, 0, "  "), E::BadKeyLength},
+        {"", CALL(DESFireSelectApplication, kApp, 0, std::string(17, '1')), E::BadKeyLength},
+        {"", CALL(DESFireSelectApplication, kApp, 0, std::string(31, '1')), E::BadKeyLength},
+        {"", CALL(DESFireSelectApplication, kApp, 0, std::string(33, '1')), E::BadKeyLength},
+        {kApp, CALL(DESFireFormat), E::RootLevelOnly},
+        {kApp, CALL(DESFireCreateApplication, "000000", 0, 14), E::RootLevelOnly},
+        {kCard, CALL(DESFireCreateApplication, "00 00 00", 0, 1), E::IncorrectApplicationId},
+        {kCard, CALL(DESFireCreateApplication, "A1B2", 256, 0), E::IncorrectApplicationId},
+        {kCard, CALL(DESFireCreateApplication, kApp, 256, 0), E::InvalidParameter},
+        {kCard, CALL(DESFireCreateApplication, kApp, -1, 1), E::InvalidParameter},
+        {kCard, CALL(DESFireCreateApplication, kApp, 255, 0), E::InvalidParameter},
+        {kCard, CALL(DESFireCreateApplication, kApp, 0, 15), E::InvalidParameter},
+        {"", CALL(DESFireDeleteApplication, "000000"), E::IncorrectApplicationId},
+        {"", CALL(DESFireDeleteApplication, "A1B2CX"), E::IncorrectApplicationId},
+        {"", CALL(DESFireGetVersion, 28, information), E::InvalidParameter},
+        {"", CALL(DESFireGetVersion, -3, information), E::InvalidParameter},
+        {"", CALL(DESFireChangeKey, 0, key16, key16), E::NotAuthenticated},
+        {kCard, CALL(DESFireChangeKey, 1, key16, key16), E::BadKeyNumber},
+        {kApp, CALL(DESFireChangeKey, 14, "", ""), E::BadKeyNumber},
+        {kApp, CALL(DESFireChangeKey, -1, "", ""), E::BadKeyNumber},
+        {kApp, CALL(DESFireChangeKey, 13, key16.substr(1), "XX"), E::BadKeyLength},
+        {kApp, CALL(DESFireChangeKey, 13, "00112233445566GG", key32), E::BadKeyLength},
+        {kApp, CALL(DESFireChangeKey, 13, key32, key32 + "0"), E::BadKeyLength},
+        {"", CALL(DESFireGetKeyVersion, 0, number), E::NotAuthenticated},
+        {kCard, CALL(DESFireGetKeyVersion, 1, number), E::BadKeyNumber},
+        {"", CALL(DESFireGetKeySettings, number, count), E::NotAuthenticated},
+        {"", CALL(DESFireChangeKeySettings, 0x0F), E::NotAuthenticated},
+        {kApp, CALL(DESFireChangeKeySettings, 256), E::InvalidParameter},
+        {"", CALL(DESFireGetFileIDs, text), E::NotAuthenticated},
+        {"", CALL(DESFireCreateStdDataFile, 16, 2, kBadChange, 0), E::NotAuthenticated},
+        // Several faults at once: the first in the order is reported.
+        {kApp, CALL(DESFireCreateStdDataFile, 16, 2, kBadChange, 0), E::InvalidFileNumber},
+        {kApp, CALL(DESFireCreateStdDataFile, -1, 0, kRights, 1), E::InvalidFileNumber},
+        {kApp, CALL(DESFireCreateStdDataFile, 15, 2, kBadChange, 0), E::InvalidCommunicationSettings},
+        {kApp, CALL(DESFireCreateStdDataFile, 15, 3, kBadChange, 0), E::BadKeyNumber},
+        {kApp, CALL(DESFireCreateStdDataFile, 15, 1, kBadRead, 1), E::BadKeyNumber},
+        {kApp, CALL(DESFireCreateStdDataFile, 15, 0, kRights, 0), E::InvalidFileSize},
+        {kApp, CALL(DESFireCreateBackupDataFile, 0, 0, kRights, 0x1000000), E::InvalidFileSize},
+        // Value and record files take only 0..7.
+        {kApp, CALL(DESFireCreateValueFile, 8, 0, kRights, 0, 0, 0, false), E::InvalidFileNumber},
+        {kApp, CALL(DESFireCreateValueFile, 7, 0, kRights, 1, 0, 5, false), E::InvalidLimits},
+        {kApp, CALL(DESFireCreateValueFile, 7, 0, kRights, -10, 100, -11, true), E::ValueOutOfBounds},
+        {kApp, CALL(DESFireCreateValueFile, 7, 0, kRights, -10, 100, 101, true), E::ValueOutOfBounds},
+        {kApp, CALL(DESFireCreateLinearRecordFile, 8, 0, kRights, 1, 1), E::InvalidFileNumber},
+        {kApp, CALL(DESFireCreateLinearRecordFile, 7, 0, kRights, 0, 0), E::InvalidRecordSize},
+        {kApp, CALL(DESFireCreateCyclicRecordFile, 7, 0, kRights, 0x1000000, 1), E::InvalidRecordSize},
+        {kApp, CALL(DESFireCreateCyclicRecordFile, 7, 0, kRights, 1, 0x1000000), E::InvalidRecordCount},
+        {"", CALL(DESFireDeleteFile, 16), E::NotAuthenticated},
+        {kApp, CALL(DESFireDeleteFile, 16), E::InvalidFileNumber},
+        {kApp, CALL(DESFireGetFileSettings, 16, text), E::InvalidFileNumber},
+        {kApp, CALL(DESFireChangeFileSettings, 16, 256, kBadChange), E::InvalidFileNumber},
+        {kApp, CALL(DESFireChangeFileSettings, 15, 256, kBadChange), E::InvalidCommunicationSettings},
+        {kApp, CALL(DESFireChangeFileSettings, 15, -1, kRights), E::InvalidCommunicationSettings},
+        {kApp, CALL(DESFireChangeFileSettings, 15, 255, kBadChange), E::BadKeyNumber},
+        {"", CALL(DESFireCommitTransaction), E::NotAuthenticated},
+        {"", CALL(DESFireAbortTransaction), E::NotAuthenticated},
+        {"", CALL(DESFireWriteData, 16, -1, -1, "", true), E::NotAuthenticated},
+        {kApp, CALL(DESFireWriteData, 16, -1, -1, "", true), E::InvalidFileNumber},
+        {kApp, CALL(DESFireWriteRecord, -1, 0, 1, "00", true), E::InvalidFileNumber},
+        {kApp, CALL(DESFireWriteData, 15, -1, -1, "", true), E::InvalidOffset},
+        {kApp, CALL(DESFireReadData, 15, 0x1000000, 0, text, true), E::InvalidOffset},
+        {kApp, CALL(DESFireWriteRecord, 15, 0xFFFFFF, -1, "", true), E::InvalidLength},
+        {kApp, CALL(DESFireWriteData, 15, 0, 0x1000000, "", true), E::InvalidLength},
+        // A length taken from the text must fit its three bytes as well.
+        {kApp, CALL(DESFireWriteData, 0, 0, 0, std::string(0x1000000, '0'), true), E::InvalidLength},
+        {kApp, CALL(DESFireReadRecords, 0, 0, -1, text, true), E::InvalidLength},
+        {"", CALL(DESFireGetValue, 8, number), E::NotAuthenticated},
+        {kApp, CALL(DESFireGetValue, 8, number), E::InvalidFileNumber},
+        {kApp, CALL(DESFireDebit, 8, -1), E::InvalidFileNumber},
+        {kApp, CALL(DESFireDebit, 7, -1), E::InvalidAmount},
+        {kApp, CALL(DESFireCredit, -1, 0), E::InvalidFileNumber},
+        {"", CALL(DESFireClearRecordFile, 1), E::NotAuthenticated},
     };
-    const Key k = kSession;
-    const std::string key16 = "0011223344556677";
-    const std::string key32 = ToHex(k);
-    const Row rows[] = {
-        {"", DESFireFormat, ErrorNumber::RootLevelOnly, "DESFireFormat"},
-        {kApp, DESFireFormat, ErrorNumber::RootLevelOnly, "DESFireFormat"},
-        {kApp, [](Context& c) { return DESFireCreateApplication(c, "000000", 0, 14); }, ErrorNumber::RootLevelOnly,
-         "DESFireCreateApplication"},
-        {kCard, [](Context& c) { return DESFireCreateApplication(c, "00 00 00", 0, 1); },
-         ErrorNumber::IncorrectApplicationId, "DESFireCreateApplication"},
-        {kCard, [](Context& c) { return DESFireCreateApplication(c, "A1B2", 256, 0); },
-         ErrorNumber::IncorrectApplicationId, "DESFireCreateApplication"},
-        {kCard, [](Context& c) { return DESFireCreateApplication(c, "A1B2C3", 256, 0); }, ErrorNumber::InvalidParameter,
-         "DESFireCreateApplication"},
-        {kCard, [](Context& c) { return DESFireCreateApplication(c, "A1B2C3", -1, 1); }, ErrorNumber::InvalidParameter,
-         "DESFireCreateApplication"},
-        {kCard, [](Context& c) { return DESFireCreateApplication(c, "A1B2C3", 255, 0); }, ErrorNumber::InvalidParameter,
-         "DESFireCreateApplication"},
-        {kCard, [](Context& c) { return DESFireCreateApplication(c, "A1B2C3", 0, 15); }, ErrorNumber::InvalidParameter,
-         "DESFireCreateApplication"},
-        {"", [](Context& c) { return DESFireDeleteApplication(c, "000000"); }, ErrorNumber::IncorrectApplicationId,
-         "DESFireDeleteApplication"},
-        {"", [](Context& c) { return DESFireDeleteApplication(c, "A1B2CX"); }, ErrorNumber::IncorrectApplicationId,
-         "DESFireDeleteApplication"},
-        {"", [this](Context& c) { return DESFireGetVersion(c, 28, information); }, ErrorNumber::InvalidParameter,
-         "DESFireGetVersion"},
-        {"", [this](Context& c) { return DESFireGetVersion(c, -3, information); }, ErrorNumber::InvalidParameter,
-         "DESFireGetVersion"},
-        {"", [&](Context& c) { return DESFireChangeKey(c, 0, key16, key16); }, ErrorNumber::NotAuthenticated,
-         "DESFireChangeKey"},
-        {kCard, [&](Context& c) { return DESFireChangeKey(c, 1, key16, key16); }, ErrorNumber::BadKeyNumber,
-         "DESFireChangeKey"},
-        {kApp, [&](Context& c) { return DESFireChangeKey(c, 14, "", ""); }, ErrorNumber::BadKeyNumber,
-         "DESFireChangeKey"},
-        {kApp, [&](Context& c) { return DESFireChangeKey(c, -1, "", ""); }, ErrorNumber::BadKeyNumber,
-         "DESFireChangeKey"},
-        {kApp, [&](Context& c) { return DESFireChangeKey(c, 13, key16.substr(1), "XX"); }, ErrorNumber::BadKeyLength,
-         "DESFireChangeKey"},
-        {kApp, [&](Context& c) { return DESFireChangeKey(c, 13, "00112233445566GG", key32); },
-         ErrorNumber::BadKeyLength, "DESFireChangeKey"},
-        {kApp, [&](Context& c) { return DESFireChangeKey(c, 13, key32, key32 + "0"); }, ErrorNumber::BadKeyLength,
-         "DESFireChangeKey"},
-        {"", [this](Context& c) { return DESFireGetKeyVersion(c, 0, keyVersion); }, ErrorNumber::NotAuthenticated,
-         "DESFireGetKeyVersion"},
-        {kCard, [this](Context& c) { return DESFireGetKeyVersion(c, 1, keyVersion); }, ErrorNumber::BadKeyNumber,
-         "DESFireGetKeyVersion"},
-        {"", [this](Context& c) { return DESFireGetKeySettings(c, keySettings, keyCount); },
-         ErrorNumber::NotAuthenticated, "DESFireGetKeySettings"},
-        {"", [](Context& c) { return DESFireChangeKeySettings(c, 0x0F); }, ErrorNumber::NotAuthenticated,
-         "DESFireChangeKeySettings"},
-        {kApp, [](Context& c) { return DESFireChangeKeySettings(c, 256); }, ErrorNumber::InvalidParameter,
-         "DESFireChangeKeySettings"},
-    };
-    for (const Row& row : rows) {
-        UseSession(row.application);
-        EXPECT_EQ(row.call(ctx), sceError) << row.comFunction;
-        EXPECT_EQ(Record(), Line(row.number, row.comFunction));
+    for (const auto& row : rows) {
+        Play({}, row.application);
+        EXPECT_EQ(row.call(ctx), sceError) << row.member;
+        EXPECT_EQ(Record(), Line(row.number, row.member));
+        EXPECT_TRUE(fake->Transmitted().empty()) << row.member;
     }
-    EXPECT_TRUE(fake->Transmitted().empty());
-    EXPECT_EQ(applications, "unchanged");
-    EXPECT_EQ(keyVersion, -7);
-    EXPECT_EQ(keySettings, -7);
+    EXPECT_EQ(text, "unchanged");
+    EXPECT_EQ(number, -7);
+    EXPECT_EQ(count, -7);
 }
 
-TEST_F(DesfireMembers, EachMemberSendsItsCommandAndReadsTheAnswer) {
-    struct Row {
+TEST_F(DesfireMembers, EachMemberSendsItsFieldsAndReadsTheAnswer) {
+    const struct {
         std::string application;
-        std::function<sceReturnCode(Context&)> call;
-        std::vector<std::pair<std::string, std::string>> exchanges;
-        std::string comFunction;
+        Call call;
+        const char* member;
+        Script exchanges;
         std::function<void()> check;
-    };
-    const Row rows[] = {
-        {kCard, DESFireFormat, {{"FC", "00"}}, "DESFireFormat", [] {}},
-        {kCard,
-         [](Context& c) { return DESFireCreateApplication(c, "a1 b2 c3", 0x0F, 14); },
-         {{"CA A1B2C3 0F 0E", "00"}},
-         "DESFireCreateApplication",
-         [] {}},
+    } rows[] = {
+        {kCard, CALL(DESFireFormat), {{"FC", "00"}}, [] {}},
+        {kCard, CALL(DESFireCreateApplication, "a1 b2 c3", 0x0F, 14), {{"CA A1B2C3 0F 0E", "00"}}, [] {}},
         // Deleting the selected application leaves the session as it is.
         {kApp,
-         [](Context& c) { return DESFireDeleteApplication(c, "A1B2C3"); },
+         CALL(DESFireDeleteApplication, kApp),
          {{"DA A1B2C3", "00"}},
-         "DESFireDeleteApplication",
-         [this] { EXPECT_EQ(session.selectedApplicationId, kApp); }},
+         [&] { EXPECT_EQ(session.selectedApplicationId, kApp); }},
         {kCard,
-         [this](Context& c) { return DESFireGetApplications(c, applications); },
+         CALL(DESFireGetApplications, text),
          {{"6A", "AF A1B2C3 010203"}, {"AF", "00 FFFFFF"}},
-         "DESFireGetApplications",
-         [this] { EXPECT_EQ(applications, "A1B2C3,010203,FFFFFF"); }},
-        {kCard,
-         [this](Context& c) { return DESFireGetApplications(c, applications); },
-         {{"6A", "00"}},
-         "DESFireGetApplications",
-         [this] { EXPECT_EQ(applications, ""); }},
-        {kApp,
-         [this](Context& c) { return DESFireGetKeyVersion(c, 13, keyVersion); },
-         {{"64 0D", "00 2A"}},
-         "DESFireGetKeyVersion",
-         [this] { EXPECT_EQ(keyVersion, 0x2A); }},
+         [&] { EXPECT_EQ(text, "A1B2C3,010203,FFFFFF"); }},
+        {kCard, CALL(DESFireGetApplications, text), {{"6A", "00"}}, [&] { EXPECT_EQ(text, ""); }},
+        {kApp, CALL(DESFireGetKeyVersion, 13, number), {{"64 0D", "00 2A"}}, [&] { EXPECT_EQ(number, 0x2A); }},
         // The key count's upper bits come back as the card set them.
         {kApp,
-         [this](Context& c) { return DESFireGetKeySettings(c, keySettings, keyCount); },
+         CALL(DESFireGetKeySettings, number, count),
          {{"45", "00 0F 83"}},
-         "DESFireGetKeySettings",
-         [this] {
-             EXPECT_EQ(keySettings, 0x0F);
-             EXPECT_EQ(keyCount, 0x83);
+         [&] {
+             EXPECT_EQ(number, 0x0F);
+             EXPECT_EQ(count, 0x83);
          }},
         {kApp,
-         [](Context& c) { return DESFireChangeKeySettings(c, 0x0B); },
-         {{"54" + ToHex(SendMode(kSession, Concat({Hex("0B"), Crc(Hex("0B")), Bytes(5, 0)}))), "00"}},
-         "DESFireChangeKeySettings",
+         CALL(DESFireChangeKeySettings, 0x0B),
+         {{"54" + ToHex(SendMode(kSession, WithCrc(Hex("0B")))), "00"}},
          [] {}},
+        {kApp, CALL(DESFireCreateStdDataFile, 8, dfcPlain, kRights, 32), {{"CD 08 00 3012 200000", "00"}}, [] {}},
+        {kApp,
+         CALL(DESFireCreateStdDataFile, 15, dfcCiphered, kFree, 0xFFFFFF),
+         {{"CD 0F 03 EEEE FFFFFF", "00"}},
+         [] {}},
+        {kApp,
+         CALL(DESFireCreateBackupDataFile, 0, dfcPlainMac, AccessRights{15, 14, 13, 0}, 1),
+         {{"CB 00 01 D0FE 010000", "00"}},
+         [] {}},
+        {kApp,
+         CALL(DESFireCreateValueFile, 7, dfcPlain, kRights, -10, 100, 0, true),
+         {{"CC 07 00 3012 F6FFFFFF 64000000 00000000 01", "00"}},
+         [] {}},
+        // Equal limits with the value on them are accepted.
+        {kApp,
+         CALL(DESFireCreateValueFile, 0, dfcCiphered, kRights, 5, 5, 5, false),
+         {{"CC 00 03 3012 05000000 05000000 05000000 00", "00"}},
+         [] {}},
+        {kApp,
+         CALL(DESFireCreateLinearRecordFile, 1, dfcCiphered, kRights, 0x123456, 2),
+         {{"C1 01 03 3012 563412 020000", "00"}},
+         [] {}},
+        {kApp,
+         CALL(DESFireCreateCyclicRecordFile, 2, dfcPlainMac, kRights, 16, 0xFFFFFF),
+         {{"C0 02 01 3012 100000 FFFFFF", "00"}},
+         [] {}},
+        {kApp, CALL(DESFireDeleteFile, 15), {{"DF 0F", "00"}}, [] {}},
+        {kApp, CALL(DESFireGetFileIDs, text), {{"6F", "00 05 01 1F 03"}}, [&] { EXPECT_EQ(text, "1,3,5,31"); }},
+        {kApp,
+         CALL(DESFireGetFileSettings, 2, text),
+         {{"F5 02", "00 00 03 E1 12 200000"}},
+         [&] { EXPECT_EQ(text, "00 03 E1 12 20 00 00"); }},
+        {kApp,
+         CALL(DESFireGetFileSettings, 3, text),
+         {{"F5 03", "00 02 00 EEEE F6FFFFFF 64000000 00000000 01"}},
+         [&] { EXPECT_EQ(text, "02 00 EE EE F6 FF FF FF 64 00 00 00 00 00 00 00 01"); }},
+        // A file type of its own needs at least type, settings and rights.
+        {kApp,
+         CALL(DESFireGetFileSettings, 1, text),
+         {{"F5 01", "00 05 00 E1 12"}},
+         [&] { EXPECT_EQ(text, "05 00 E1 12"); }},
+        {kApp, CALL(DESFireCommitTransaction), {{"C7", "00"}}, [] {}},
+        {kApp, CALL(DESFireAbortTransaction), {{"A7", "00"}}, [] {}},
+        // No file-number check: the low byte goes out as it is.
+        {kApp, CALL(DESFireClearRecordFile, 257), {{"EB 01", "00"}}, [] {}},
+        {kApp, CALL(DESFireClearRecordFile, -1), {{"EB FF", "00"}}, [] {}},
     };
-    for (const Row& row : rows) {
-        UseSession(row.application);
-        Script(row.exchanges);
-        EXPECT_EQ(row.call(ctx), sceSuccess) << row.comFunction << ": " << Record();
-        EXPECT_EQ(Record(), Cleared(row.comFunction));
+    for (const auto& row : rows) {
+        Play(row.exchanges, row.application);
+        EXPECT_EQ(row.call(ctx), sceSuccess) << row.member << ": " << Record();
+        EXPECT_EQ(Record(), Cleared(row.member));
+        EXPECT_EQ(fake->Pending(), 0u) << row.member;
         row.check();
     }
 }
 
-TEST_F(DesfireMembers, AnAnswerOtherThanCompletionOrOfTheWrongShapeFails) {
-    struct Row {
+TEST_F(DesfireMembers, RefusalsAndMalformedAnswersEndInTheirOwnRecord) {
+    const struct {
         std::string application;
-        std::function<sceReturnCode(Context&)> call;
-        std::string command, answer;
-        std::string comFunction, commandName, status;
-    };
-    const std::string key16 = "0011223344556677";
-    const Row rows[] = {
-        {kCard, DESFireFormat, "FC", "AE", "DESFireFormat", "DesfireFormat", "AE"},
-        {kCard, [](Context& c) { return DESFireCreateApplication(c, "A1B2C3", 0, 1); }, "CAA1B2C30001", "DE",
-         "DESFireCreateApplication", "DesfireCreateApplication", "DE"},
-        {kCard, [](Context& c) { return DESFireDeleteApplication(c, "A1B2C3"); }, "DAA1B2C3", "A0",
-         "DESFireDeleteApplication", "DesfireDeleteApplication", "A0"},
-        {kCard, [this](Context& c) { return DESFireGetApplications(c, applications); }, "6A", "9D",
-         "DESFireGetApplications", "DesfireGetApplications", "9D"},
-        {kCard, [this](Context& c) { return DESFireGetApplications(c, applications); }, "6A", "00 A1B2C3 01",
-         "DESFireGetApplications", "DesfireGetApplications", "00"},
-        {kCard, [this](Context& c) { return DESFireGetVersion(c, dfvAllData, information); }, "60", "00 0401",
-         "DESFireGetVersion", "DesfireGetVersion", "00"},
+        Call call;
+        const char* member;
+        std::string command, answer, status;  // "" answer: nothing received
+    } rows[] = {
+        {kCard, CALL(DESFireFormat), "FC", "AE", "AE"},
+        {kCard, CALL(DESFireFormat), "FC", "", "FFFF"},
+        {kCard, CALL(DESFireCreateApplication, kApp, 0, 1), "CAA1B2C30001", "DE", "DE"},
+        {kCard, CALL(DESFireGetApplications, text), "6A", "00 A1B2C3 01", "00"},
+        {kCard, CALL(DESFireGetVersion, dfvAllData, information), "60", "00 0401", "00"},
         // Each frame has its size: 7, 7, then 14 bytes.
-        {kCard, [this](Context& c) { return DESFireGetVersion(c, dfvAllData, information); }, "60",
-         "AF 04010101001805 04", "DESFireGetVersion", "DesfireGetVersion", "AF"},
-        {kApp, [this](Context& c) { return DESFireGetKeyVersion(c, 1, keyVersion); }, "6401", "40",
-         "DESFireGetKeyVersion", "DesfireGetKeyVersion", "40"},
-        {kApp, [this](Context& c) { return DESFireGetKeyVersion(c, 1, keyVersion); }, "6401", "00",
-         "DESFireGetKeyVersion", "DesfireGetKeyVersion", "00"},
-        {kApp, [this](Context& c) { return DESFireGetKeySettings(c, keySettings, keyCount); }, "45", "00 0F",
-         "DESFireGetKeySettings", "DesfireGetKeySettings", "00"},
-        {kApp, [](Context& c) { return DESFireChangeKeySettings(c, 0); }, "54" + std::string(16, '?'), "9D",
-         "DESFireChangeKeySettings", "DesfireChangeKeySettings", "9D"},
-        {kApp, [&](Context& c) { return DESFireChangeKey(c, 0, key16, key16); }, "C400" + std::string(48, '?'), "1E",
-         "DESFireChangeKey", "DesfireChangeKey", "1E"},
-        // Nothing received: the status as the command layer left it.
-        {kCard, DESFireFormat, "FC", "", "DESFireFormat", "DesfireFormat", "FFFF"},
+        {kCard, CALL(DESFireGetVersion, dfvAllData, information), "60", "AF 04010101001805 04", "AF"},
+        {kApp, CALL(DESFireGetKeyVersion, 1, number), "6401", "00", "00"},
+        {kApp, CALL(DESFireGetKeySettings, number, count), "45", "00 0F", "00"},
+        {kApp, CALL(DESFireChangeKeySettings, 0), "54" + std::string(16, '?'), "9D", "9D"},
+        {kApp, CALL(DESFireChangeKey, 0, key16, key16), "C400" + std::string(48, '?'), "1E", "1E"},
+        {kApp, CALL(DESFireCommitTransaction), "C7", "AE", "AE"},
+        // File numbers run from 0 to 31, each at most once.
+        {kApp, CALL(DESFireGetFileIDs, text), "6F", "00 05 01 05", "00"},
+        {kApp, CALL(DESFireGetFileIDs, text), "6F", "00 01 20", "00"},
+        // A data file's settings are 7 bytes, a record file's 13.
+        {kApp, CALL(DESFireGetFileSettings, 1, text), "F501", "00 00 03 E112 2000", "00"},
+        {kApp, CALL(DESFireGetFileSettings, 1, text), "F501", "00 03 03 E112 010000 020000", "00"},
+        {kApp, CALL(DESFireDeleteFile, 1), "DF01", "F0", "F0"},
+        {kApp, CALL(DESFireClearRecordFile, 3), "EB03", "9D", "9D"},
     };
-    for (const Row& row : rows) {
-        UseSession(row.application);
-        Script({{row.command, row.answer}});
-        EXPECT_EQ(row.call(ctx), sceError) << row.comFunction;
-        EXPECT_EQ(Record(),
-                  Line(ErrorNumber::OperationFailed, row.comFunction, "SCardTransmit:" + row.commandName, row.status));
+    for (const auto& row : rows) {
+        Play({{row.command, row.answer}}, row.application);
+        EXPECT_EQ(row.call(ctx), sceError) << row.member;
+        EXPECT_EQ(Record(), Failed(row.member, std::string(row.member).replace(0, 7, "Desfire"), row.status));
     }
-    EXPECT_EQ(applications, "unchanged");
-    EXPECT_EQ(keyVersion, -7);
-    EXPECT_EQ(keySettings, -7);
+    EXPECT_EQ(number, -7);
+    EXPECT_EQ(text, "") << "emptied before the card is asked";
     EXPECT_TRUE(std::holds_alternative<std::monostate>(information));
     EXPECT_TRUE(session.versionCache.empty()) << "a short record is not kept";
 
-    // A reader failure ends the same way.
-    UseSession(kCard);
-    channel.card = 0;
-    EXPECT_EQ(DESFireFormat(ctx), sceError);
-    EXPECT_EQ(Record(), Line(ErrorNumber::OperationFailed, "DESFireFormat", "SCardTransmit:DesfireFormat", "FFFF"));
+    // Nothing to commit or abort is a failure of its own, without the card's words.
+    for (const auto& [call, member, command] :
+         {std::tuple{Call(DESFireCommitTransaction), "DESFireCommitTransaction", "C7"},
+          std::tuple{Call(DESFireAbortTransaction), "DESFireAbortTransaction", "A7"}}) {
+        Play({{command, "0C"}});
+        EXPECT_EQ(call(ctx), sceError);
+        EXPECT_EQ(Record(), Line(E::NoChangesInBackup, member));
+    }
 }
 
 TEST_F(DesfireMembers, ChangeKeySendsTheFrameOfItsCase) {
     const Bytes oldKey = Hex("00112233445566778899AABBCCDDEEFF");
     const Bytes newKey = Hex("F0E1D2C3B4A59687F0E1D2C3B4A59687");
-    Bytes difference(16);
+    Bytes x(16);
     for (std::size_t i = 0; i < 16; ++i)
-        difference[i] = oldKey[i] ^ newKey[i];
-    struct Row {
+        x[i] = oldKey[i] ^ newKey[i];
+    const Bytes own = WithCrc(newKey);
+    const Bytes other = Concat({WithCrc(x), own});
+    const struct {
         std::int32_t keyNumber;  // the session is authenticated with key 1
         bool cardConformance;
         std::string newKeyText;
         Bytes plain;  // what the card finds after undoing send mode
-    };
-    const Row rows[] = {
-        // The session's own key: new key, CRC, six zero bytes.
-        {1, false, ToHex(newKey), Concat({newKey, Crc(newKey), Bytes(6, 0)})},
-        {1, true, ToHex(newKey), Concat({newKey, Crc(newKey), Bytes(6, 0)})},
-        // Another key: two pieces of 24 bytes each.
-        {2, false, ToHex(newKey), Concat({difference, Crc(difference), Bytes(6, 0), newKey, Crc(newKey), Bytes(6, 0)})},
+    } rows[] = {
+        {1, false, ToHex(newKey), own},
+        {1, true, ToHex(newKey), own},
+        {2, false, ToHex(newKey), other},
         // A 16-digit key is a single-DES key with equal halves.
-        {2, false, "f0e1 d2c3 b4a5 9687",
-         Concat({difference, Crc(difference), Bytes(6, 0), newKey, Crc(newKey), Bytes(6, 0)})},
+        {2, false, "f0e1 d2c3 b4a5 9687", other},
         // As the cards expect it: one 24-byte run.
-        {2, true, ToHex(newKey), Concat({difference, Crc(difference), Crc(newKey), Bytes(4, 0)})},
+        {2, true, ToHex(newKey), Concat({x, Crc(x), Crc(newKey), Bytes(4, 0)})},
     };
-    for (const Row& row : rows) {
-        UseSession(kApp, 1);
+    for (const auto& row : rows) {
+        Play({{"C4" + ToHex(Bytes{static_cast<std::uint8_t>(row.keyNumber)}) + ToHex(SendMode(kSession, row.plain)),
+               "00"}},
+             kApp, 1);
         ctx.cardConformance = row.cardConformance;
-        Script({{"C4" + ToHex(Bytes{static_cast<std::uint8_t>(row.keyNumber)}) + ToHex(SendMode(kSession, row.plain)),
-                 "00"}});
         EXPECT_EQ(DESFireChangeKey(ctx, row.keyNumber, ToHex(oldKey), row.newKeyText), sceSuccess) << Record();
         EXPECT_EQ(Record(), Cleared("DESFireChangeKey"));
         EXPECT_EQ(session.authenticatedKeyNumber, 1) << "the session fields stay as they were";
     }
 }
 
+TEST_F(DesfireMembers, ChangeFileSettingsSendsTheFormItsModeCallsFor) {
+    // The enciphered form: settings (3), CRC, three zero bytes, in send mode.
+    const std::string enciphered = "5F 04" + ToHex(SendMode(kSession, WithCrc(Hex("03 E1 12"))));
+    const std::string plain = "5F 04 03 E112";
+    const std::string member = "DESFireChangeFileSettings";
+    const struct {
+        bool cardConformance;
+        Script exchanges;
+        sceReturnCode result;
+        std::string expected;
+    } rows[] = {
+        {false, {{plain, "00"}}, sceSuccess, Cleared(member)},
+        // A refused plain form stays in the record when the enciphered one succeeds.
+        {false,
+         {{plain, "7E"}, {enciphered, "00"}},
+         sceSuccess,
+         Line(E::CommandFailed, "EncoderCommand", "SCardTransmit:DesfireChangeFileSettings", "7E")},
+        {false, {{plain, "7E"}, {enciphered, "AE"}}, sceError, Failed(member, "DesfireChangeFileSettings", "AE")},
+        // With the card's conformance the change right decides the form.
+        {true, {{"F504", "00 00 00 EE 12 200000"}, {plain, "00"}}, sceSuccess, Cleared(member)},
+        {true, {{"F504", "00 00 00 E2 12 200000"}, {enciphered, "00"}}, sceSuccess, Cleared(member)},
+        {true, {{"F504", "F0"}}, sceError, Failed(member, "DesfireGetFileSettings", "F0")},
+    };
+    for (const auto& row : rows) {
+        Play(row.exchanges);
+        ctx.cardConformance = row.cardConformance;
+        EXPECT_EQ(DESFireChangeFileSettings(ctx, 4, 3, AccessRights{1, 2, 14, 1}), row.result);
+        EXPECT_EQ(Record(), row.expected);
+        EXPECT_EQ(fake->Pending(), 0u);
+    }
+}
+
 TEST_F(DesfireMembers, TheVersionRecordIsAskedOnceAndServesEverySelector) {
-    UseSession("");
-    Script({{"60", "AF 04010101001805"}, {"AF", "AF 04010101041805"}, {"AF", "00 045A3B2C1D0E80BA451260302C13"}});
-    struct Row {
+    const Script asked{
+        {"60", "AF 04010101001805"}, {"AF", "AF 04010101041805"}, {"AF", "00 045A3B2C1D0E80BA451260302C13"}};
+    Play(asked, "");
+    const struct {
         std::int32_t requested;
         Variant expected;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {dfvAllData, Version()},
         {dfvUID, Hex("04 5A 3B 2C 1D 0E 80")},
         {dfvBatchNo, Hex("BA 45 12 60 30")},
@@ -379,27 +419,20 @@ TEST_F(DesfireMembers, TheVersionRecordIsAskedOnceAndServesEverySelector) {
         {dfvProductionWeek, std::uint8_t{0x2C}},
         {dfvProductionYear, std::uint8_t{0x13}},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         EXPECT_EQ(DESFireGetVersion(ctx, row.requested, information), sceSuccess) << Record();
         EXPECT_EQ(Record(), Cleared("DESFireGetVersion"));
         EXPECT_EQ(information, row.expected) << row.requested;
     }
     EXPECT_EQ(fake->Pending(), 0u);
-    session.Reset();
-    Script({{"60", "AF 04010101001805"}, {"AF", "AF 04010101041805"}, {"AF", "00 045A3B2C1D0E80BA451260302C13"}});
+    Play(asked, "");
     EXPECT_EQ(DESFireGetVersion(ctx, dfvAllData, information), sceSuccess) << "asked again after the session ended";
-}
 
-TEST_F(DesfireMembers, TheStorageSizeIsTheMidpointForAnOddCode) {
-    struct Row {
-        std::uint8_t code;
-        std::int32_t size;
-    };
-    const Row rows[] = {{0x18, 4096}, {0x19, 6144}, {0x1A, 8192}, {0x00, 1}, {0x01, 2}, {0x3D, 1610612736}};
-    for (const Row& row : rows) {
-        session.versionCache = Version(row.code);
+    // The storage size is the midpoint for an odd code.
+    for (const auto& [code, size] : {std::pair{0x19, 6144}, {0x1A, 8192}, {0x00, 1}, {0x3D, 1610612736}}) {
+        session.versionCache = Version(static_cast<std::uint8_t>(code));
         EXPECT_EQ(DESFireGetVersion(ctx, dfvStorageSize, information), sceSuccess);
-        EXPECT_EQ(information, Variant{row.size}) << int{row.code};
+        EXPECT_EQ(information, Variant{std::int32_t{size}}) << code;
     }
     // 2^31 does not fit the host's Long.
     session.versionCache = Version(0x3E);

@@ -12,8 +12,6 @@
 namespace elatectwn4::desfire {
 namespace {
 
-const Key kSession = desfire_test::MakeKey("4A1B7C3D5E6F708192A3B4C5D6E7F809");
-
 // The hex part of the first trace line that starts with `prefix`; "" if none.
 std::string ShownAfter(const std::string& prefix) {
     for (const std::string& line : test::TraceLines()) {
@@ -26,33 +24,22 @@ class DesfireTrace : public DesfireApdu {};
 
 TEST_F(DesfireTrace, KeyFramesShowOnlyTheirCommandByte) {
     ASSERT_TRUE(command::TraceEnabled());
-    struct Row {
-        const char* name;
-        std::function<sceReturnCode(Context&)> call;
-        std::string sent;    // the expected frame ("??" any byte)
-        std::string answer;  // the card's answer
-        std::string line;    // the trace line's start
-        std::string shown;   // what the line shows
+    const std::string key = "00112233445566778899AABBCCDDEEFF";
+    const struct {
+        Call call;
+        const char* member;
+        std::string sent;   // the expected frame
+        std::string shown;  // what the trace line shows
+    } rows[] = {
+        {CALL(DESFireChangeKeySettings, 0x0F), "54" + std::string(16, '?'), "54" + std::string(16, '*')},
+        {CALL(DESFireChangeKey, 0, key, "A0B1C2D3E4F5A6B7C8D9EAFB0C1D2E3F"), "C400" + std::string(48, '?'),
+         "C400" + std::string(48, '*')},
     };
-    const std::string any24 = "?? ?? ?? ?? ?? ?? ?? ?? ?? ?? ?? ?? ?? ?? ?? ?? ?? ?? ?? ?? ?? ?? ?? ??";
-    const Row rows[] = {
-        {"ChangeKeySettings", [](Context& c) { return DESFireChangeKeySettings(c, 0x0F); },
-         "54 ?? ?? ?? ?? ?? ?? ?? ??", "00", "Sending DesfireChangeKeySettings: ", "54" + std::string(16, '*')},
-        {"ChangeKey",
-         [](Context& c) {
-             return DESFireChangeKey(c, 0, "00112233445566778899AABBCCDDEEFF", "A0B1C2D3E4F5A6B7C8D9EAFB0C1D2E3F");
-         },
-         "C4 00 " + any24, "00", "Sending DesfireChangeKey: ", "C400" + std::string(48, '*')},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.name);
-        OpenSession(kSession, 0, std::string(kCardLevel));
-        fake = std::make_shared<test::ScriptedPcsc>();
-        channel.pcsc = fake.get();
-        fake->Expect(row.sent).Reply(row.answer);
+    for (const auto& row : rows) {
+        Play({{row.sent, "00"}}, kCard);
         test::ClearTrace();
         ASSERT_EQ(row.call(ctx), sceSuccess) << Record();
-        EXPECT_EQ(ShownAfter(row.line), row.shown);
+        EXPECT_EQ(ShownAfter("Sending " + std::string(row.member).replace(0, 7, "Desfire") + ": "), row.shown);
     }
 }
 

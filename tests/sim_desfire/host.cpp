@@ -4,7 +4,6 @@
 #include <openssl/rand.h>
 
 #include <algorithm>
-#include <map>
 #include <memory>
 #include <stdexcept>
 
@@ -51,16 +50,7 @@ Key MakeKey(std::string_view hex) {
 }
 
 std::string StatusName(std::uint8_t status) {
-    static const std::map<std::uint8_t, const char*> names{
-        {0x00, "OPERATION_OK"},          {0x0C, "NO_CHANGES"},           {0x0E, "OUT_OF_EEPROM_ERROR"},
-        {0x1C, "ILLEGAL_COMMAND"},       {0x1E, "INTEGRITY_ERROR"},      {0x40, "NO_SUCH_KEY"},
-        {0x7E, "LENGTH_ERROR"},          {0x9D, "PERMISSION_DENIED"},    {0x9E, "PARAMETER_ERROR"},
-        {0xA0, "APPLICATION_NOT_FOUND"}, {0xAE, "AUTHENTICATION_ERROR"}, {0xAF, "ADDITIONAL_FRAME"},
-        {0xBE, "BOUNDARY_ERROR"},        {0xC1, "PICC_INTEGRITY_ERROR"}, {0xCA, "COMMAND_ABORTED"},
-        {0xCE, "COUNT_ERROR"},           {0xDE, "DUPLICATE_ERROR"},      {0xF0, "FILE_NOT_FOUND"},
-        {0xFF, "(host: bad proof)"}};
-    auto it = names.find(status);
-    return ToHex(std::array{status}) + " " + (it == names.end() ? "?" : it->second);
+    return ToHex(std::array{status});
 }
 
 Bytes Concat(std::initializer_list<ByteSpan> parts) {
