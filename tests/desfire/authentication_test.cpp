@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "apdu_fixture.h"
-#include "desfire/secure_messaging.h"
 
 namespace elatectwn4::desfire {
 namespace {
@@ -128,31 +127,6 @@ TEST_F(DesfireAuthentication, ARefusalReportsItsStepAndKeepsThePreviousSession) 
     EXPECT_EQ(DESFireSelectRoot(ctx, "1122334455667788"), sceError);
     EXPECT_EQ(Record(), test::RecordText(static_cast<std::uint32_t>(ErrorNumber::NoCard), "No card in encoder", 0,
                                          "DESFireSelectRoot:DESFireSelectApplication:EncoderCommand", "", ""));
-}
-
-TEST_F(DesfireAuthentication, EncipheredFramesChainEveryPaddedPieceFromTheZeroVector) {
-    const Bytes settings = Hex("0F");
-    const Bytes seven = Hex("01 02 03 04 05 06 07");
-    const Bytes keyA = Hex("00112233445566778899AABBCCDDEEFF");
-    const Bytes keyB = Hex("F0E1D2C3B4A5968778695A4B3C2D1E0F");
-    const struct {
-        std::vector<FramePiece> pieces;
-        Bytes plain;  // what the card finds after undoing send mode
-    } rows[] = {
-        // 1 + 2 + 5 = one block exactly: no padding of its own.
-        {{{settings, 5}}, WithCrc(settings)},
-        // 7 + 2 = 9 bytes: padded to two blocks.
-        {{{seven, 0}}, WithCrc(seven)},
-        // Each piece ends on a block boundary before the next one starts.
-        {{{keyA, 0}, {keyB, 4}}, Concat({WithCrc(keyA), WithCrc(keyB)})},
-    };
-    for (const Key& sessionKey : {MakeKey("0123456789ABCDEF"), kSession}) {
-        OpenSession(sessionKey);
-        for (const auto& row : rows) {
-            EXPECT_EQ(ToHex(BuildEncipheredFrame(session, row.pieces).view()), ToHex(SendMode(sessionKey, row.plain)))
-                << ToHex(sessionKey) << " " << ToHex(row.plain);
-        }
-    }
 }
 
 TEST(DesfireSession, ResetForgetsEverythingAndOverwritesTheKeys) {

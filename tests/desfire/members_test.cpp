@@ -59,46 +59,11 @@ TEST(DesfireStatus, TheNativeAndTheWrappedFormOfAStatusAreTheSameAnswer) {
     }
 }
 
-TEST_F(DesfireMembers, AnExchangeTellsAnAnswerARefusalAndAReaderFailureApart) {
-    using O = Reply::Outcome;
-    const struct {
-        std::uint32_t code;
-        command::Params params;
-        std::string sent, answer;  // "" answer: the transmission fails
-        O outcome;
-        std::string command, status, data;
-    } rows[] = {
-        {command::cmd::DesfireGetKeySettings, {}, "45", "00 0F 01", O::Answered, "DesfireGetKeySettings", "00", "0F01"},
-        {command::cmd::DesfireGetKeySettings, {}, "45", "AE", O::Refused, "DesfireGetKeySettings", "AE", ""},
-        {command::cmd::DesfireGetKeySettings, {}, "45", "", O::ReaderFailed, "DesfireGetKeySettings", "FFFF", ""},
-        // A continuation is named after the transfer it continues.
-        {command::cmd::DesfireContinue,
-         {std::string("DesfireWriteData"), std::string("02"), std::string("AABB")},
-         "AFAABB",
-         "1E",
-         O::Refused,
-         "DesfireWriteData",
-         "1E",
-         ""},
-    };
-    for (const auto& row : rows) {
-        Play({});
-        if (row.answer.empty()) {
-            fake->Expect(row.sent).Fail(pcsc_code::RemovedCard);
-        } else {
-            fake->Expect(row.sent).Reply(row.answer);
-        }
-        const Reply reply = Exchange(ctx, row.code, row.params, {.moreResponse = true});
-        EXPECT_EQ(reply.outcome, row.outcome) << row.answer;
-        EXPECT_EQ(reply.command, row.command);
-        EXPECT_EQ(reply.StatusText(), row.status);
-        EXPECT_EQ(ToHex(reply.data.view()), row.data);
-    }
-    // More frames announced for ever: the command layer gives up, not the card.
+TEST_F(DesfireMembers, AnExchangeThatIsContinuedForEverIsAReaderFailure) {
     Play({{"60", "AF 01"}});
     fake->Expect("AF").Reply("AF 01").Times(command::MaxContinuationFrames);
     const Reply endless = Exchange(ctx, command::cmd::DesfireGetVersion, {}, {.moreResponse = true});
-    EXPECT_EQ(endless.outcome, O::ReaderFailed);
+    EXPECT_EQ(endless.outcome, Reply::Outcome::ReaderFailed);
     EXPECT_EQ(endless.StatusText(), "AF");
 }
 
@@ -110,14 +75,10 @@ TEST_F(DesfireMembers, ChecksComeFirstInTheirOrderAndNothingIsSent) {
         E number;
     } rows[] = {
         {"", CALL(DESFireSelectApplication, "A1B2C", 0, key16), E::IncorrectApplicationId},
-        {"", CALL(DESFireSelectApplication, "A1B2C3D4", 0, key16), E::IncorrectApplicationId},
         {"", CALL(DESFireSelectApplication, "A1B2G3", 99, "XX"), E::IncorrectApplicationId},
         {"", CALL(DESFireSelectApplication, kApp, 14, "XX"), E::BadKeyNumber},
-        {"", CALL(DESFireSelectApplication, kApp, -1, ""), E::BadKeyNumber},
         {"", CALL(DESFireSelectApplication, kApp, 0, "11223344556677XX"), E::InvalidKey},
-        {"", CALL(DESFireSelectApplication, kApp, 0, "11-22"), E::InvalidKey},
         {"", CALL(DESFireSelectApplication, kApp, 0, "  "), E::BadKeyLength},
-        {"", CALL(DESFireSelectApplication, kApp, 0, std::string(17, '1')), E::BadKeyLength},
         {"", CALL(DESFireSelectApplication, kApp, 0, std::string(31, '1')), E::BadKeyLength},
         {"", CALL(DESFireSelectApplication, kApp, 0, std::string(33, '1')), E::BadKeyLength},
         {kApp, CALL(DESFireFormat), E::RootLevelOnly},
@@ -125,20 +86,15 @@ TEST_F(DesfireMembers, ChecksComeFirstInTheirOrderAndNothingIsSent) {
         {kCard, CALL(DESFireCreateApplication, "00 00 00", 0, 1), E::IncorrectApplicationId},
         {kCard, CALL(DESFireCreateApplication, "A1B2", 256, 0), E::IncorrectApplicationId},
         {kCard, CALL(DESFireCreateApplication, kApp, 256, 0), E::InvalidParameter},
-        {kCard, CALL(DESFireCreateApplication, kApp, -1, 1), E::InvalidParameter},
         {kCard, CALL(DESFireCreateApplication, kApp, 255, 0), E::InvalidParameter},
         {kCard, CALL(DESFireCreateApplication, kApp, 0, 15), E::InvalidParameter},
         {"", CALL(DESFireDeleteApplication, "000000"), E::IncorrectApplicationId},
-        {"", CALL(DESFireDeleteApplication, "A1B2CX"), E::IncorrectApplicationId},
         {"", CALL(DESFireGetVersion, 28, information), E::InvalidParameter},
-        {"", CALL(DESFireGetVersion, -3, information), E::InvalidParameter},
         {"", CALL(DESFireChangeKey, 0, key16, key16), E::NotAuthenticated},
         {kCard, CALL(DESFireChangeKey, 1, key16, key16), E::BadKeyNumber},
         {kApp, CALL(DESFireChangeKey, 14, "", ""), E::BadKeyNumber},
-        {kApp, CALL(DESFireChangeKey, -1, "", ""), E::BadKeyNumber},
         {kApp, CALL(DESFireChangeKey, 13, key16.substr(1), "XX"), E::BadKeyLength},
         {kApp, CALL(DESFireChangeKey, 13, "00112233445566GG", key32), E::BadKeyLength},
-        {kApp, CALL(DESFireChangeKey, 13, key32, key32 + "0"), E::BadKeyLength},
         {"", CALL(DESFireGetKeyVersion, 0, number), E::NotAuthenticated},
         {kCard, CALL(DESFireGetKeyVersion, 1, number), E::BadKeyNumber},
         {"", CALL(DESFireGetKeySettings, number, count), E::NotAuthenticated},
@@ -148,7 +104,6 @@ TEST_F(DesfireMembers, ChecksComeFirstInTheirOrderAndNothingIsSent) {
         {"", CALL(DESFireCreateStdDataFile, 16, 2, kBadChange, 0), E::NotAuthenticated},
         // Several faults at once: the first in the order is reported.
         {kApp, CALL(DESFireCreateStdDataFile, 16, 2, kBadChange, 0), E::InvalidFileNumber},
-        {kApp, CALL(DESFireCreateStdDataFile, -1, 0, kRights, 1), E::InvalidFileNumber},
         {kApp, CALL(DESFireCreateStdDataFile, 15, 2, kBadChange, 0), E::InvalidCommunicationSettings},
         {kApp, CALL(DESFireCreateStdDataFile, 15, 3, kBadChange, 0), E::BadKeyNumber},
         {kApp, CALL(DESFireCreateStdDataFile, 15, 1, kBadRead, 1), E::BadKeyNumber},
@@ -157,7 +112,6 @@ TEST_F(DesfireMembers, ChecksComeFirstInTheirOrderAndNothingIsSent) {
         // Value and record files take only 0..7.
         {kApp, CALL(DESFireCreateValueFile, 8, 0, kRights, 0, 0, 0, false), E::InvalidFileNumber},
         {kApp, CALL(DESFireCreateValueFile, 7, 0, kRights, 1, 0, 5, false), E::InvalidLimits},
-        {kApp, CALL(DESFireCreateValueFile, 7, 0, kRights, -10, 100, -11, true), E::ValueOutOfBounds},
         {kApp, CALL(DESFireCreateValueFile, 7, 0, kRights, -10, 100, 101, true), E::ValueOutOfBounds},
         {kApp, CALL(DESFireCreateLinearRecordFile, 8, 0, kRights, 1, 1), E::InvalidFileNumber},
         {kApp, CALL(DESFireCreateLinearRecordFile, 7, 0, kRights, 0, 0), E::InvalidRecordSize},
@@ -168,13 +122,11 @@ TEST_F(DesfireMembers, ChecksComeFirstInTheirOrderAndNothingIsSent) {
         {kApp, CALL(DESFireGetFileSettings, 16, text), E::InvalidFileNumber},
         {kApp, CALL(DESFireChangeFileSettings, 16, 256, kBadChange), E::InvalidFileNumber},
         {kApp, CALL(DESFireChangeFileSettings, 15, 256, kBadChange), E::InvalidCommunicationSettings},
-        {kApp, CALL(DESFireChangeFileSettings, 15, -1, kRights), E::InvalidCommunicationSettings},
         {kApp, CALL(DESFireChangeFileSettings, 15, 255, kBadChange), E::BadKeyNumber},
         {"", CALL(DESFireCommitTransaction), E::NotAuthenticated},
         {"", CALL(DESFireAbortTransaction), E::NotAuthenticated},
         {"", CALL(DESFireWriteData, 16, -1, -1, "", true), E::NotAuthenticated},
         {kApp, CALL(DESFireWriteData, 16, -1, -1, "", true), E::InvalidFileNumber},
-        {kApp, CALL(DESFireWriteRecord, -1, 0, 1, "00", true), E::InvalidFileNumber},
         {kApp, CALL(DESFireWriteData, 15, -1, -1, "", true), E::InvalidOffset},
         {kApp, CALL(DESFireReadData, 15, 0x1000000, 0, text, true), E::InvalidOffset},
         {kApp, CALL(DESFireWriteRecord, 15, 0xFFFFFF, -1, "", true), E::InvalidLength},
@@ -186,7 +138,6 @@ TEST_F(DesfireMembers, ChecksComeFirstInTheirOrderAndNothingIsSent) {
         {kApp, CALL(DESFireGetValue, 8, number), E::InvalidFileNumber},
         {kApp, CALL(DESFireDebit, 8, -1), E::InvalidFileNumber},
         {kApp, CALL(DESFireDebit, 7, -1), E::InvalidAmount},
-        {kApp, CALL(DESFireCredit, -1, 0), E::InvalidFileNumber},
         {"", CALL(DESFireClearRecordFile, 1), E::NotAuthenticated},
     };
     for (const auto& row : rows) {
