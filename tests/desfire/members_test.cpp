@@ -59,11 +59,44 @@ TEST(DesfireStatus, TheNativeAndTheWrappedFormOfAStatusAreTheSameAnswer) {
     }
 }
 
-TEST_F(DesfireMembers, AnExchangeThatIsContinuedForEverIsAReaderFailure) {
+TEST_F(DesfireMembers, AnExchangeTellsAnAnswerARefusalAndAReaderFailureApart) {
+    using O = Reply::Outcome;
+    const struct {
+        std::uint32_t code;
+        command::Params params;
+        std::string sent, answer;  // "" answer: the transmission fails
+        O outcome;
+        std::string command, status;
+    } rows[] = {
+        {command::cmd::DesfireGetKeySettings, {}, "45", "00 0F 01", O::Answered, "DesfireGetKeySettings", "00"},
+        {command::cmd::DesfireGetKeySettings, {}, "45", "AE", O::Refused, "DesfireGetKeySettings", "AE"},
+        {command::cmd::DesfireGetKeySettings, {}, "45", "", O::ReaderFailed, "DesfireGetKeySettings", "FFFF"},
+        // A continuation is named after the transfer it continues.
+        {command::cmd::DesfireContinue,
+         {std::string("DesfireWriteData"), std::string("02"), std::string("AABB")},
+         "AFAABB",
+         "1E",
+         O::Refused,
+         "DesfireWriteData",
+         "1E"},
+    };
+    for (const auto& row : rows) {
+        Play({});
+        if (row.answer.empty()) {
+            fake->Expect(row.sent).Fail(pcsc_code::RemovedCard);
+        } else {
+            fake->Expect(row.sent).Reply(row.answer);
+        }
+        const Reply reply = Exchange(ctx, row.code, row.params, {.moreResponse = true});
+        EXPECT_EQ(reply.outcome, row.outcome) << row.answer;
+        EXPECT_EQ(reply.command, row.command);
+        EXPECT_EQ(reply.StatusText(), row.status);
+    }
+    // More frames announced for ever: the command layer gives up, not the card.
     Play({{"60", "AF 01"}});
     fake->Expect("AF").Reply("AF 01").Times(command::MaxContinuationFrames);
     const Reply endless = Exchange(ctx, command::cmd::DesfireGetVersion, {}, {.moreResponse = true});
-    EXPECT_EQ(endless.outcome, Reply::Outcome::ReaderFailed);
+    EXPECT_EQ(endless.outcome, O::ReaderFailed);
     EXPECT_EQ(endless.StatusText(), "AF");
 }
 
@@ -75,10 +108,13 @@ TEST_F(DesfireMembers, ChecksComeFirstInTheirOrderAndNothingIsSent) {
         E number;
     } rows[] = {
         {"", CALL(DESFireSelectApplication, "A1B2C", 0, key16), E::IncorrectApplicationId},
+        {"", CALL(DESFireSelectApplication, "A1B2C3D4", 0, key16), E::IncorrectApplicationId},
         {"", CALL(DESFireSelectApplication, "A1B2G3", 99, "XX"), E::IncorrectApplicationId},
         {"", CALL(DESFireSelectApplication, kApp, 14, "XX"), E::BadKeyNumber},
+        {"", CALL(DESFireSelectApplication, kApp, -1, ""), E::BadKeyNumber},
         {"", CALL(DESFireSelectApplication, kApp, 0, "11223344556677XX"), E::InvalidKey},
         {"", CALL(DESFireSelectApplication, kApp, 0, "  "), E::BadKeyLength},
+        {"", CALL(DESFireSelectApplication, kApp, 0, std::string(17, '1')), E::BadKeyLength},
         {"", CALL(DESFireSelectApplication, kApp, 0, std::string(31, '1')), E::BadKeyLength},
         {"", CALL(DESFireSelectApplication, kApp, 0, std::string(33, '1')), E::BadKeyLength},
         {kApp, CALL(DESFireFormat), E::RootLevelOnly},
@@ -87,14 +123,18 @@ TEST_F(DesfireMembers, ChecksComeFirstInTheirOrderAndNothingIsSent) {
         {kCard, CALL(DESFireCreateApplication, "A1B2", 256, 0), E::IncorrectApplicationId},
         {kCard, CALL(DESFireCreateApplication, kApp, 256, 0), E::InvalidParameter},
         {kCard, CALL(DESFireCreateApplication, kApp, 255, 0), E::InvalidParameter},
+        {kCard, CALL(DESFireCreateApplication, kApp, -1, 1), E::InvalidParameter},
         {kCard, CALL(DESFireCreateApplication, kApp, 0, 15), E::InvalidParameter},
         {"", CALL(DESFireDeleteApplication, "000000"), E::IncorrectApplicationId},
         {"", CALL(DESFireGetVersion, 28, information), E::InvalidParameter},
+        {"", CALL(DESFireGetVersion, -3, information), E::InvalidParameter},
         {"", CALL(DESFireChangeKey, 0, key16, key16), E::NotAuthenticated},
         {kCard, CALL(DESFireChangeKey, 1, key16, key16), E::BadKeyNumber},
         {kApp, CALL(DESFireChangeKey, 14, "", ""), E::BadKeyNumber},
+        {kApp, CALL(DESFireChangeKey, -1, "", ""), E::BadKeyNumber},
         {kApp, CALL(DESFireChangeKey, 13, key16.substr(1), "XX"), E::BadKeyLength},
         {kApp, CALL(DESFireChangeKey, 13, "00112233445566GG", key32), E::BadKeyLength},
+        {kApp, CALL(DESFireChangeKey, 13, key32, key32 + "0"), E::BadKeyLength},
         {"", CALL(DESFireGetKeyVersion, 0, number), E::NotAuthenticated},
         {kCard, CALL(DESFireGetKeyVersion, 1, number), E::BadKeyNumber},
         {"", CALL(DESFireGetKeySettings, number, count), E::NotAuthenticated},
@@ -104,6 +144,7 @@ TEST_F(DesfireMembers, ChecksComeFirstInTheirOrderAndNothingIsSent) {
         {"", CALL(DESFireCreateStdDataFile, 16, 2, kBadChange, 0), E::NotAuthenticated},
         // Several faults at once: the first in the order is reported.
         {kApp, CALL(DESFireCreateStdDataFile, 16, 2, kBadChange, 0), E::InvalidFileNumber},
+        {kApp, CALL(DESFireCreateStdDataFile, -1, 0, kRights, 1), E::InvalidFileNumber},
         {kApp, CALL(DESFireCreateStdDataFile, 15, 2, kBadChange, 0), E::InvalidCommunicationSettings},
         {kApp, CALL(DESFireCreateStdDataFile, 15, 3, kBadChange, 0), E::BadKeyNumber},
         {kApp, CALL(DESFireCreateStdDataFile, 15, 1, kBadRead, 1), E::BadKeyNumber},
@@ -113,6 +154,7 @@ TEST_F(DesfireMembers, ChecksComeFirstInTheirOrderAndNothingIsSent) {
         {kApp, CALL(DESFireCreateValueFile, 8, 0, kRights, 0, 0, 0, false), E::InvalidFileNumber},
         {kApp, CALL(DESFireCreateValueFile, 7, 0, kRights, 1, 0, 5, false), E::InvalidLimits},
         {kApp, CALL(DESFireCreateValueFile, 7, 0, kRights, -10, 100, 101, true), E::ValueOutOfBounds},
+        {kApp, CALL(DESFireCreateValueFile, 7, 0, kRights, -10, 100, -11, true), E::ValueOutOfBounds},
         {kApp, CALL(DESFireCreateLinearRecordFile, 8, 0, kRights, 1, 1), E::InvalidFileNumber},
         {kApp, CALL(DESFireCreateLinearRecordFile, 7, 0, kRights, 0, 0), E::InvalidRecordSize},
         {kApp, CALL(DESFireCreateCyclicRecordFile, 7, 0, kRights, 0x1000000, 1), E::InvalidRecordSize},
@@ -122,11 +164,13 @@ TEST_F(DesfireMembers, ChecksComeFirstInTheirOrderAndNothingIsSent) {
         {kApp, CALL(DESFireGetFileSettings, 16, text), E::InvalidFileNumber},
         {kApp, CALL(DESFireChangeFileSettings, 16, 256, kBadChange), E::InvalidFileNumber},
         {kApp, CALL(DESFireChangeFileSettings, 15, 256, kBadChange), E::InvalidCommunicationSettings},
+        {kApp, CALL(DESFireChangeFileSettings, 15, -1, kRights), E::InvalidCommunicationSettings},
         {kApp, CALL(DESFireChangeFileSettings, 15, 255, kBadChange), E::BadKeyNumber},
         {"", CALL(DESFireCommitTransaction), E::NotAuthenticated},
         {"", CALL(DESFireAbortTransaction), E::NotAuthenticated},
         {"", CALL(DESFireWriteData, 16, -1, -1, "", true), E::NotAuthenticated},
         {kApp, CALL(DESFireWriteData, 16, -1, -1, "", true), E::InvalidFileNumber},
+        {kApp, CALL(DESFireWriteRecord, -1, 0, 1, "00", true), E::InvalidFileNumber},
         {kApp, CALL(DESFireWriteData, 15, -1, -1, "", true), E::InvalidOffset},
         {kApp, CALL(DESFireReadData, 15, 0x1000000, 0, text, true), E::InvalidOffset},
         {kApp, CALL(DESFireWriteRecord, 15, 0xFFFFFF, -1, "", true), E::InvalidLength},
@@ -138,6 +182,7 @@ TEST_F(DesfireMembers, ChecksComeFirstInTheirOrderAndNothingIsSent) {
         {kApp, CALL(DESFireGetValue, 8, number), E::InvalidFileNumber},
         {kApp, CALL(DESFireDebit, 8, -1), E::InvalidFileNumber},
         {kApp, CALL(DESFireDebit, 7, -1), E::InvalidAmount},
+        {kApp, CALL(DESFireCredit, -1, 0), E::InvalidFileNumber},
         {"", CALL(DESFireClearRecordFile, 1), E::NotAuthenticated},
     };
     for (const auto& row : rows) {
@@ -152,91 +197,83 @@ TEST_F(DesfireMembers, ChecksComeFirstInTheirOrderAndNothingIsSent) {
 }
 
 TEST_F(DesfireMembers, EachMemberSendsItsFieldsAndReadsTheAnswer) {
+    const std::string none = "unchanged|-7|-7";  // the out-arguments: text, number, count
     const struct {
         std::string application;
         Call call;
         const char* member;
         Script exchanges;
-        std::function<void()> check;
+        std::string outs;
     } rows[] = {
-        {kCard, CALL(DESFireFormat), {{"FC", "00"}}, [] {}},
-        {kCard, CALL(DESFireCreateApplication, "a1 b2 c3", 0x0F, 14), {{"CA A1B2C3 0F 0E", "00"}}, [] {}},
+        {kCard, CALL(DESFireFormat), {{"FC", "00"}}, none},
+        {kCard, CALL(DESFireCreateApplication, "a1 b2 c3", 0x0F, 14), {{"CA A1B2C3 0F 0E", "00"}}, none},
         // Deleting the selected application leaves the session as it is.
-        {kApp,
-         CALL(DESFireDeleteApplication, kApp),
-         {{"DA A1B2C3", "00"}},
-         [&] { EXPECT_EQ(session.selectedApplicationId, kApp); }},
+        {kApp, CALL(DESFireDeleteApplication, kApp), {{"DA A1B2C3", "00"}}, none},
         {kCard,
          CALL(DESFireGetApplications, text),
          {{"6A", "AF A1B2C3 010203"}, {"AF", "00 FFFFFF"}},
-         [&] { EXPECT_EQ(text, "A1B2C3,010203,FFFFFF"); }},
-        {kCard, CALL(DESFireGetApplications, text), {{"6A", "00"}}, [&] { EXPECT_EQ(text, ""); }},
-        {kApp, CALL(DESFireGetKeyVersion, 13, number), {{"64 0D", "00 2A"}}, [&] { EXPECT_EQ(number, 0x2A); }},
+         "A1B2C3,010203,FFFFFF|-7|-7"},
+        {kCard, CALL(DESFireGetApplications, text), {{"6A", "00"}}, "|-7|-7"},
+        {kApp, CALL(DESFireGetKeyVersion, 13, number), {{"64 0D", "00 2A"}}, "unchanged|42|-7"},
         // The key count's upper bits come back as the card set them.
-        {kApp,
-         CALL(DESFireGetKeySettings, number, count),
-         {{"45", "00 0F 83"}},
-         [&] {
-             EXPECT_EQ(number, 0x0F);
-             EXPECT_EQ(count, 0x83);
-         }},
+        {kApp, CALL(DESFireGetKeySettings, number, count), {{"45", "00 0F 83"}}, "unchanged|15|131"},
         {kApp,
          CALL(DESFireChangeKeySettings, 0x0B),
          {{"54" + ToHex(SendMode(kSession, WithCrc(Hex("0B")))), "00"}},
-         [] {}},
-        {kApp, CALL(DESFireCreateStdDataFile, 8, dfcPlain, kRights, 32), {{"CD 08 00 3012 200000", "00"}}, [] {}},
+         none},
+        {kApp, CALL(DESFireCreateStdDataFile, 8, dfcPlain, kRights, 32), {{"CD 08 00 3012 200000", "00"}}, none},
         {kApp,
          CALL(DESFireCreateStdDataFile, 15, dfcCiphered, kFree, 0xFFFFFF),
          {{"CD 0F 03 EEEE FFFFFF", "00"}},
-         [] {}},
+         none},
         {kApp,
          CALL(DESFireCreateBackupDataFile, 0, dfcPlainMac, AccessRights{15, 14, 13, 0}, 1),
          {{"CB 00 01 D0FE 010000", "00"}},
-         [] {}},
+         none},
         {kApp,
          CALL(DESFireCreateValueFile, 7, dfcPlain, kRights, -10, 100, 0, true),
          {{"CC 07 00 3012 F6FFFFFF 64000000 00000000 01", "00"}},
-         [] {}},
+         none},
         // Equal limits with the value on them are accepted.
         {kApp,
          CALL(DESFireCreateValueFile, 0, dfcCiphered, kRights, 5, 5, 5, false),
          {{"CC 00 03 3012 05000000 05000000 05000000 00", "00"}},
-         [] {}},
+         none},
         {kApp,
          CALL(DESFireCreateLinearRecordFile, 1, dfcCiphered, kRights, 0x123456, 2),
          {{"C1 01 03 3012 563412 020000", "00"}},
-         [] {}},
+         none},
         {kApp,
          CALL(DESFireCreateCyclicRecordFile, 2, dfcPlainMac, kRights, 16, 0xFFFFFF),
          {{"C0 02 01 3012 100000 FFFFFF", "00"}},
-         [] {}},
-        {kApp, CALL(DESFireDeleteFile, 15), {{"DF 0F", "00"}}, [] {}},
-        {kApp, CALL(DESFireGetFileIDs, text), {{"6F", "00 05 01 1F 03"}}, [&] { EXPECT_EQ(text, "1,3,5,31"); }},
+         none},
+        {kApp, CALL(DESFireDeleteFile, 15), {{"DF 0F", "00"}}, none},
+        {kApp, CALL(DESFireGetFileIDs, text), {{"6F", "00 05 01 1F 03"}}, "1,3,5,31|-7|-7"},
         {kApp,
          CALL(DESFireGetFileSettings, 2, text),
          {{"F5 02", "00 00 03 E1 12 200000"}},
-         [&] { EXPECT_EQ(text, "00 03 E1 12 20 00 00"); }},
+         "00 03 E1 12 20 00 00|-7|-7"},
         {kApp,
          CALL(DESFireGetFileSettings, 3, text),
          {{"F5 03", "00 02 00 EEEE F6FFFFFF 64000000 00000000 01"}},
-         [&] { EXPECT_EQ(text, "02 00 EE EE F6 FF FF FF 64 00 00 00 00 00 00 00 01"); }},
+         "02 00 EE EE F6 FF FF FF 64 00 00 00 00 00 00 00 01|-7|-7"},
         // A file type of its own needs at least type, settings and rights.
-        {kApp,
-         CALL(DESFireGetFileSettings, 1, text),
-         {{"F5 01", "00 05 00 E1 12"}},
-         [&] { EXPECT_EQ(text, "05 00 E1 12"); }},
-        {kApp, CALL(DESFireCommitTransaction), {{"C7", "00"}}, [] {}},
-        {kApp, CALL(DESFireAbortTransaction), {{"A7", "00"}}, [] {}},
+        {kApp, CALL(DESFireGetFileSettings, 1, text), {{"F5 01", "00 05 00 E1 12"}}, "05 00 E1 12|-7|-7"},
+        {kApp, CALL(DESFireCommitTransaction), {{"C7", "00"}}, none},
+        {kApp, CALL(DESFireAbortTransaction), {{"A7", "00"}}, none},
         // No file-number check: the low byte goes out as it is.
-        {kApp, CALL(DESFireClearRecordFile, 257), {{"EB 01", "00"}}, [] {}},
-        {kApp, CALL(DESFireClearRecordFile, -1), {{"EB FF", "00"}}, [] {}},
+        {kApp, CALL(DESFireClearRecordFile, 257), {{"EB 01", "00"}}, none},
+        {kApp, CALL(DESFireClearRecordFile, -1), {{"EB FF", "00"}}, none},
     };
     for (const auto& row : rows) {
         Play(row.exchanges, row.application);
+        text = "unchanged";
+        number = count = -7;
         EXPECT_EQ(row.call(ctx), sceSuccess) << row.member << ": " << Record();
         EXPECT_EQ(Record(), Cleared(row.member));
         EXPECT_EQ(fake->Pending(), 0u) << row.member;
-        row.check();
+        EXPECT_EQ(text + "|" + std::to_string(number) + "|" + std::to_string(count), row.outs) << row.member;
+        EXPECT_EQ(session.selectedApplicationId, row.application) << row.member;
     }
 }
 

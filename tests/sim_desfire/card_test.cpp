@@ -141,6 +141,8 @@ TEST_F(Card, KeysChangeOnlyWithAnIntactCryptogramUnderTheKeySettings) {
         {Built(
              "wrong old key in the XOR", [&] { return ChangeOtherKeyFrame(host_, 1, kWriteKey, kNext); }, 0x1E),
          Built(
+             "a key beyond the application", [&] { return ChangeOtherKeyFrame(host_, 3, kZeroKey, kNext); }, 0x40),
+         Built(
              "own-key layout for another key", [&] { return ChangeOwnKeyFrame(host_, 1, kNext); }, 0x1E),
          Built(
              "one block short",
@@ -258,8 +260,8 @@ TEST_F(Files, TransactionsCommitAbortAndDropAsDocumented) {
          Send(Amount(0x1C, 3, 1), 0x9D, "limited credit not enabled"), Send(Amount(0x0C, 3, 1), 0xBE),
          Send(Amount(0x0C, 3, 0), 0x00, "zero is an amount"),
          // A limited credit gives back at most what was debited, once.
-         Send(Amount(0x1C, 2, 1), 0xBE), Send(Amount(0xDC, 2, 5), 0x00), Send({0xC7}, 0x00),
-         Send(Amount(0x1C, 2, 6), 0xBE), Send(Amount(0x1C, 2, 5), 0x00), Send({0xC7}, 0x00),
+         Send(Amount(0x1C, 2, 1), 0xBE), Send(Amount(0xDC, 2, 10), 0x00), Send({0xC7}, 0x00),
+         Send(Amount(0x1C, 2, 11), 0xBE), Send(Amount(0x1C, 2, 5), 0x00), Send({0xC7}, 0x00),
          Send(Amount(0x1C, 2, 1), 0xBE),
          // Credit needs the read&write key, debit any of the three.
          Auth(0, kAppMasterKey), Send(CreateValue(4, 0, 100, 50, 0, Bytes{0x10, 0x22}), 0x00), Auth(2, kWriteKey),
