@@ -5,7 +5,6 @@
 #include <array>
 #include <cstring>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "elatectwn4/pcsc.h"
@@ -54,44 +53,6 @@ TEST(ListReadersRetrying, AsksAgainWhileTheListOutgrowsItsBuffer) {
         if (fits) names.push_back("A");
         EXPECT_EQ(readers, names) << "the names of the last call";
     }
-}
-
-// Against the machine's own resource manager, when one runs; the checks hold
-// whether or not readers are attached.
-TEST(SystemPcsc, ListsReadersRefusesAStrangerAndServesTwoThreads) {
-    auto api = SystemPcsc();
-    PcscHandle context = 0;
-    const std::uint32_t rv = api->EstablishContext(pcsc_const::ScopeSystem, context);
-    if (rv == pcsc_code::NoService || rv == pcsc_code::ServiceStopped) GTEST_SKIP() << "no pcscd on this machine";
-    ASSERT_EQ(rv, pcsc_code::Success);
-    std::vector<std::string> readers{"stale"};
-    const std::uint32_t listed = api->ListReaders(context, readers);
-    EXPECT_TRUE(listed == pcsc_code::Success ? !readers.empty() && !readers[0].empty()
-                                             : listed == pcsc_code::NoReadersAvailable && readers.empty());
-    PcscHandle card = 0;
-    std::uint32_t protocol = 0;
-    EXPECT_EQ(api->Connect(context, "No such reader 99 99", pcsc_const::ShareExclusive, pcsc_const::ProtocolT1, card,
-                           protocol),
-              pcsc_code::UnknownReader);
-    EXPECT_EQ(card, 0);
-    EXPECT_EQ(api->ReleaseContext(context), pcsc_code::Success);
-
-    std::array<std::uint32_t, 2> results{1, 1};
-    auto work = [&api](std::uint32_t& result) {
-        PcscHandle own = 0;
-        result = api->EstablishContext(pcsc_const::ScopeSystem, own);
-        for (int i = 0; i < 20 && result == pcsc_code::Success; ++i) {
-            std::vector<std::string> names;
-            const std::uint32_t rv = api->ListReaders(own, names);
-            if (rv != pcsc_code::Success && rv != pcsc_code::NoReadersAvailable) result = rv;
-        }
-        if (own != 0 && api->ReleaseContext(own) != pcsc_code::Success) result = 0xFFFFFFFF;
-    };
-    std::thread first(work, std::ref(results[0]));
-    std::thread second(work, std::ref(results[1]));
-    first.join();
-    second.join();
-    EXPECT_EQ(results, (std::array<std::uint32_t, 2>{pcsc_code::Success, pcsc_code::Success}));
 }
 
 TEST(SystemPcsc, ReportsAnInvalidHandleInsteadOfFailingSilently) {

@@ -164,6 +164,7 @@ TEST_F(MifareApdu, WriteValueBlocWritesValueInverseValueAndTheAddressBytesOrOver
         {0x12345678, "7856341287A9CBED78563412FF00FF00"},
         {std::numeric_limits<std::int32_t>::max(), "FFFFFF7F00000080FFFFFF7FFF00FF00"},
         {-1, ""},
+        {std::numeric_limits<std::int32_t>::min(), ""},  // its lowest byte is 00
     };
     for (const auto& [value, block] : rows) {
         Run(

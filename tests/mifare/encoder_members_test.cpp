@@ -38,11 +38,17 @@ TEST(MifareThroughEncoder, OverridesAndTheCardsLayoutBelongToOneEncoder) {
     for (std::size_t i = 0; i < 2; ++i) {
         SCOPED_TRACE(i);
         Encoder& e = *encoders[i];
-        ASSERT_EQ(e.WriteSectorTrailer(1, kTransportKey, 0, kKeyA, kKeyB, 2, scbs_B_Read, -1, -1, -1), sceSuccess);
+        ASSERT_EQ(
+            e.WriteSectorTrailer(1, kTransportKey, 0, kKeyA, kKeyB, 2, scbs_B_Read, -1, -1, scss_B_WriteKeysConditions),
+            sceSuccess);
         const auto conditions =
             sim::DecodeAccessBytes(std::span<const std::uint8_t, 3>(cards[i]->RawBlock(7).data() + 6, 3));
         ASSERT_TRUE(conditions);
         EXPECT_EQ((*conditions)[0], i == 0 ? 0b100 : 0b101);
+        EXPECT_EQ(cards[i]->RawBlock(7)[9], 0x69) << "the card's BX stays when none is given";
+        std::string contents;
+        EXPECT_EQ(e.ReadDataBloc(4, kKeyA, 0, contents), i == 0 ? sceSuccess : sceError) << "\"101\": key B reads";
+        EXPECT_EQ(e.ReadDataBloc(4, kKeyB, 2, contents), sceSuccess);
         // Block 131 is a data block of sector 32, no trailer: refused by default.
         EXPECT_EQ(e.WriteSectorTrailer(32, kTransportKey, 0, kKeyA, kKeyB, 0, -1, -1, -1, -1),
                   i == 0 ? sceSuccess : sceError);
