@@ -311,7 +311,17 @@ TEST_F(MifareApdu, WriteSectorTrailerComposesKeysAccessBitsAndBX) {
     const std::string t = kTransportTrailer;
     const Row rows[] = {
         // Block 0 "110", block 1 "101", block 2 kept ("000"), trailer "011"; the card's BX.
-        {1, 7, false, 0, 2, t, scbs_A_Read | scbs_B_ReadWrite, scbs_B_Read, scss_B_WriteKeysConditions, {}, "6C35A969"},
+        {1,
+         7,
+         false,
+         0,
+         2,
+         "000000000000 FF0780 21 FFFFFFFFFFFF",
+         scbs_A_Read | scbs_B_ReadWrite,
+         scbs_B_Read,
+         scss_B_WriteKeysConditions,
+         {},
+         "6C35A921"},
         // The transport trailer ("001") reads back as key A only, where "A
         // read" has a condition the key-B scheme would refuse.
         {2, 11, false, 2, 0, t, scbs_A_Read, -1, -1, std::int32_t{0}, "FF069000"},
