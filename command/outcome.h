@@ -67,8 +67,6 @@ struct Outcome {
     /// The status as RdrRetCode shows it: "9000", "AF", and "FFFF" when
     /// nothing was received.
     std::string StatusText() const { return status ? status->Text() : "FFFF"; }
-    /// True when the card refused the command with exactly `refusal`.
-    bool RefusedWith(StatusWord refusal) const noexcept { return result == Result::CardRefused && status == refusal; }
 };
 
 /// Writes what a failed command came to into `record`, naming `comFunction`:

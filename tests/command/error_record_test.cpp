@@ -41,22 +41,13 @@ TEST(SetError, WritesOnlyTheMembersGiven) {
     }
 }
 
-TEST(SetError, KeepsTheLow32BitsOfNumbersReadBackSigned) {
-    CError record;
-    SetError(record, {.number = 0x90010F01, .lastDllError = (1LL << 32) + 5});
-    EXPECT_EQ(record.Number, static_cast<std::int32_t>(0x90010F01LL - (1LL << 32)));
-    EXPECT_EQ(record.LastDllError, 5);
-    EXPECT_EQ(ErrorValue(ErrorNumber::EncoderClosed), -1878978815);
-}
-
-TEST(ClearError, EmptiesTheRecordAndNamesTheRunningOperation) {
+TEST(SetErrorClearErrorFail, KeepTheLow32BitsAndPairEachNumberWithItsOwnDescription) {
     CError record = Filled();
+    SetError(record, {.number = 0x90010F01, .lastDllError = (1LL << 32) + 5});
+    EXPECT_EQ(RecordText(record), RecordText(0x90010F01, "Old description", 5, "OldFunction", "OldCommand", "OldCode"));
+    EXPECT_EQ(record.Number, -1878978815) << "read back signed";
     ClearError(record, "ReadSerialNumber");
     EXPECT_EQ(RecordText(record), RecordText(0, "", 0, "ReadSerialNumber", "", ""));
-}
-
-TEST(Fail, PairsTheNumberWithItsOwnDescription) {
-    CError record = Filled();
     Fail(record, ErrorNumber::CannotOpenReader, "OpenEncoder", "SCardConnect", "No Smart Card", 0x8010000C);
     EXPECT_EQ(RecordText(record), RecordText(0x90010F03, "Cannot open encoder", 0x8010000C, "OpenEncoder",
                                              "SCardConnect", "No Smart Card"));
@@ -134,23 +125,14 @@ TEST(CheckDataLength, PassesTheLengthsAllowedAndRecordsAnyOtherWithWhatArrived) 
     struct Case {
         std::size_t size;
         std::initializer_list<std::size_t> allowed;
-        std::string record;  // empty: passes, the record untouched
+        std::string reason;  // empty: passes, the record untouched
     };
-    const std::string failed = "Encoder command failed";
     const Case cases[] = {
         {16, {16}, ""},
         {7, {4, 7, 10}, ""},
-        {0,
-         {16},
-         RecordText(0x90010F04, failed, 0, "Member", "SCardTransmit:GetUID", "Answer of 0 data bytes, expected 16")},
-        {18,
-         {4, 10},
-         RecordText(0x90010F04, failed, 0, "Member", "SCardTransmit:GetUID",
-                    "Answer of 18 data bytes, expected 4 or 10")},
-        {5,
-         {4, 7, 10},
-         RecordText(0x90010F04, failed, 0, "Member", "SCardTransmit:GetUID",
-                    "Answer of 5 data bytes, expected 4, 7 or 10")},
+        {0, {16}, "Answer of 0 data bytes, expected 16"},
+        {18, {4, 10}, "Answer of 18 data bytes, expected 4 or 10"},
+        {5, {4, 7, 10}, "Answer of 5 data bytes, expected 4, 7 or 10"},
     };
     for (const Case& c : cases) {
         Outcome outcome;
@@ -158,8 +140,10 @@ TEST(CheckDataLength, PassesTheLengthsAllowedAndRecordsAnyOtherWithWhatArrived) 
         outcome.data.Resize(c.size);
         CError record = Filled();
         const std::string before = RecordText(record);
-        EXPECT_EQ(CheckDataLength(record, outcome, c.allowed, "Member"), c.record.empty()) << c.size;
-        EXPECT_EQ(RecordText(record), c.record.empty() ? before : c.record);
+        EXPECT_EQ(CheckDataLength(record, outcome, c.allowed, "Member"), c.reason.empty()) << c.size;
+        EXPECT_EQ(RecordText(record), c.reason.empty() ? before
+                                                       : RecordText(0x90010F04, "Encoder command failed", 0, "Member",
+                                                                    "SCardTransmit:GetUID", c.reason));
     }
 }
 

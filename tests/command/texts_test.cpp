@@ -32,22 +32,6 @@ TEST(PCSCErrorText, GivesEachCodeItsTextAndTheRestAnUnexpectedError) {
         EXPECT_EQ(PCSCErrorText(c.code), c.text) << std::hex << c.code;
 }
 
-struct ResponseCase {
-    std::string sw1sw2;
-    std::string command;
-    std::string text;
-    friend void PrintTo(const ResponseCase& c, std::ostream* os) {
-        *os << '"' << c.sw1sw2 << "\" \"" << c.command << '"';
-    }
-};
-
-class ResponseText : public ::testing::TestWithParam<ResponseCase> {};
-
-TEST_P(ResponseText, ReadsTheStatusWordAsTheCardMeantIt) {
-    const ResponseCase& c = GetParam();
-    EXPECT_EQ(GetResponseText(c.sw1sw2, c.command), c.text);
-}
-
 const std::string kUnchanged = "[Warning]  State of non-volatile memory unchanged, ";
 const std::string kChanged = "[Warning]  State of non-volatile memory changed, ";
 const std::string kExecUnchanged = "[Execution error]  State of non-volatile memory unchanged, ";
@@ -62,65 +46,65 @@ const std::string kUnattended = "[Unknown]   Unattended error";
 const std::string kLoadKey = "MifareAuthenticate:LoadKey";
 
 // One row per way a text is made, and the edge cases of each group.
-INSTANTIATE_TEST_SUITE_P(Iso7816, ResponseText,
-                         ::testing::Values(ResponseCase{"9000", "", "[OK]  Successful operation"},
-                                           ResponseCase{"90FF", "", "[OK]  Successful operation"},
-                                           ResponseCase{"6110", "", "[OK]  16 response bytes still available"},
-                                           ResponseCase{"6284", "", kUnchanged + "FCI not formatted properly"},
-                                           ResponseCase{"627f", "", kUnchanged + "unknown error 7F"},
-                                           ResponseCase{"6381", "", kChanged + "file filled up by the last write"},
-                                           ResponseCase{"63C5", "", kChanged + "counter provided by 5"},
-                                           ResponseCase{"63CF", "", kChanged + "counter provided by 15"},
-                                           ResponseCase{"63D0", "", kChanged + "unknown error D0"},
-                                           ResponseCase{"6401", "", kExecUnchanged + "unknown error 01"},
-                                           ResponseCase{"6581", "", kExecChanged + "memory failure"},
-                                           ResponseCase{"6699", "", "[Execution error]  Security-related issue."},
-                                           ResponseCase{"6700", "", "[Checking error]  Wrong length"},
-                                           ResponseCase{"6882", "", kCla + "secure messaging not supported"},
-                                           ResponseCase{"6982", "", kNotAllowed + "security status not satisfied"},
-                                           ResponseCase{"6988", "", kNotAllowed + "SM data objects incorrect"},
-                                           ResponseCase{"6989", "", kNotAllowed + "unknown error 89"},
-                                           ResponseCase{"6A88", "", kP1P2 + "referenced data not found"},
-                                           ResponseCase{"6B00", "", kP1P2 + "no information given"},
-                                           ResponseCase{"6cab", "", "[Checking error]  Wrong length Le, should be AB"},
-                                           ResponseCase{"6D01", "", kIns + "unknown error 01"},
-                                           ResponseCase{"6E00", "", kClass + "no information given"},
-                                           ResponseCase{"6FFF", "", kDiagnosis + "unknown error FF"},
-                                           ResponseCase{"9F00", "", kUnattended}));
-
-INSTANTIATE_TEST_SUITE_P(
-    ReaderKeyLoading, ResponseText,
-    ::testing::Values(ResponseCase{"6982", kLoadKey, "[Error]  Card key not supported"},
-                      ResponseCase{"6989", kLoadKey, "[Error]  Incorrect key length"},
-                      ResponseCase{"6981", kLoadKey, "[Error]  Unknown error code"},
-                      ResponseCase{"6982", "SCardTransmit:LOADKEY", "[Error]  Card key not supported"},
-                      // Only the last eight characters count, and only for SW1 69.
-                      ResponseCase{"6982", "loadkey", kNotAllowed + "security status not satisfied"},
-                      ResponseCase{"6982", kLoadKey + " ", kNotAllowed + "security status not satisfied"},
-                      ResponseCase{"6A82", kLoadKey, kP1P2 + "file not found"}));
-
-INSTANTIATE_TEST_SUITE_P(
-    Desfire, ResponseText,
-    ::testing::Values(ResponseCase{"9100", "", "[Success]  Successful operation"},
-                      ResponseCase{"00", "", "[Success]  Successful operation"},
-                      ResponseCase{"91ae", "",
-                                   "[Error]  Current authentication status doesn't allow the requested command. "
-                                   "Authenticate first."},
-                      ResponseCase{"91AF", "", "[Error]  Additional data frame is expected to be sent"},
-                      ResponseCase{"F1", "", "[Error]  Unrecoverable error within file, file will be disabled"},
-                      ResponseCase{"01", "", kUnattended},
-                      // Two characters are a DESFire status, never the ISO class 69.
-                      ResponseCase{"82", kLoadKey, kUnattended}));
-
-INSTANTIATE_TEST_SUITE_P(
-    Malformed, ResponseText,
-    ::testing::Values(
+TEST(GetResponseText, ReadsTheStatusWordAsTheCardMeantIt) {
+    struct Case {
+        std::string sw1sw2, command, text;
+    };
+    const Case cases[] = {
+        {"9000", "", "[OK]  Successful operation"},
+        {"90FF", "", "[OK]  Successful operation"},
+        {"6110", "", "[OK]  16 response bytes still available"},
+        {"6284", "", kUnchanged + "FCI not formatted properly"},
+        {"627f", "", kUnchanged + "unknown error 7F"},
+        {"6381", "", kChanged + "file filled up by the last write"},
+        {"63C5", "", kChanged + "counter provided by 5"},
+        {"63CF", "", kChanged + "counter provided by 15"},
+        {"63D0", "", kChanged + "unknown error D0"},
+        {"6401", "", kExecUnchanged + "unknown error 01"},
+        {"6581", "", kExecChanged + "memory failure"},
+        {"6699", "", "[Execution error]  Security-related issue."},
+        {"6700", "", "[Checking error]  Wrong length"},
+        {"6882", "", kCla + "secure messaging not supported"},
+        {"6982", "", kNotAllowed + "security status not satisfied"},
+        {"6988", "", kNotAllowed + "SM data objects incorrect"},
+        {"6989", "", kNotAllowed + "unknown error 89"},
+        {"6A88", "", kP1P2 + "referenced data not found"},
+        {"6B00", "", kP1P2 + "no information given"},
+        {"6cab", "", "[Checking error]  Wrong length Le, should be AB"},
+        {"6D01", "", kIns + "unknown error 01"},
+        {"6E00", "", kClass + "no information given"},
+        {"6FFF", "", kDiagnosis + "unknown error FF"},
+        {"9F00", "", kUnattended},
+        {"6982", kLoadKey, "[Error]  Card key not supported"},
+        {"6989", kLoadKey, "[Error]  Incorrect key length"},
+        {"6981", kLoadKey, "[Error]  Unknown error code"},
+        {"6982", "SCardTransmit:LOADKEY", "[Error]  Card key not supported"},
+        // Only the last eight characters count, and only for SW1 69.
+        {"6982", "loadkey", kNotAllowed + "security status not satisfied"},
+        {"6982", kLoadKey + " ", kNotAllowed + "security status not satisfied"},
+        {"6A82", kLoadKey, kP1P2 + "file not found"},
+        {"9100", "", "[Success]  Successful operation"},
+        {"00", "", "[Success]  Successful operation"},
+        {"91ae", "",
+         "[Error]  Current authentication status doesn't allow the requested command. "
+         "Authenticate first."},
+        {"91AF", "", "[Error]  Additional data frame is expected to be sent"},
+        {"F1", "", "[Error]  Unrecoverable error within file, file will be disabled"},
+        {"01", "", kUnattended},
+        // Two characters are a DESFire status, never the ISO class 69.
+        {"82", kLoadKey, kUnattended},
         // An unreadable part counts as 0.
-        ResponseCase{"", "", kUnattended}, ResponseCase{"ZZ", "", "[Success]  Successful operation"},  // DESFire 91 00
-        ResponseCase{"69ZZ", "", kNotAllowed + "no information given"},
-        ResponseCase{"6A8", "", kP1P2 + "unknown error A8"},  // SW1 6A, SW2 A8: the last two characters
-        ResponseCase{"6", "", kUnattended}, ResponseCase{"90", "", kUnattended},  // DESFire 0x90 has no text
-        ResponseCase{"698200", "", kNotAllowed + "no information given"}));
+        {"", "", kUnattended},
+        {"ZZ", "", "[Success]  Successful operation"},  // DESFire 91 00
+        {"69ZZ", "", kNotAllowed + "no information given"},
+        {"6A8", "", kP1P2 + "unknown error A8"},  // SW1 6A, SW2 A8: the last two characters
+        {"6", "", kUnattended},
+        {"90", "", kUnattended},  // DESFire 0x90 has no text
+        {"698200", "", kNotAllowed + "no information given"},
+    };
+    for (const Case& c : cases)
+        EXPECT_EQ(GetResponseText(c.sw1sw2, c.command), c.text) << '"' << c.sw1sw2 << "\" \"" << c.command << '"';
+}
 
 }  // namespace
 }  // namespace elatectwn4::command

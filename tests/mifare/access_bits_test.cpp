@@ -88,89 +88,59 @@ TEST(IsSectorTrailer, FollowsTheSectorsOfFourAndOfSixteenBlocks) {
         EXPECT_FALSE(IsSectorTrailer(block)) << block;
 }
 
-TEST(AccessConditionText, OnlyThreeBinaryDigitsAreLegal) {
-    for (const auto& legal : kAllConditions)
-        EXPECT_TRUE(IsAccessConditionText(legal)) << legal;
-    for (const char* bad : {"", "2", "00", "0000", "012", " 01"})
-        EXPECT_FALSE(IsAccessConditionText(bad)) << '"' << bad << '"';
-}
-
-// The encoder's choices, one row per security value and scheme.
-std::optional<std::string> ExpectedDataCondition(std::int32_t security, bool keyAOnly) {
-    static const std::map<std::int32_t, std::string> keyA{{0, "111"}, {1, "001"}, {2, "000"}, {3, "000"}};
-    static const std::map<std::int32_t, std::string> keyAB{{0, "111"},  {4, "101"},  {5, "001"},  {8, "011"},
-                                                           {12, "011"}, {9, "110"},  {13, "110"}, {10, "000"},
-                                                           {11, "000"}, {14, "000"}, {15, "000"}};
-    const auto& rows = keyAOnly ? keyA : keyAB;
-    const auto it = rows.find(keyAOnly ? (security & 3) : security);
-    if (it == rows.end()) return std::nullopt;
-    return it->second;
-}
-
-std::optional<std::string> ExpectedTrailerCondition(std::int32_t conditions, bool keyAOnly) {
-    static const std::map<std::int32_t, std::string> keyA{{0, "010"}, {1, "000"}, {2, "001"}, {3, "001"}};
-    static const std::map<std::int32_t, std::string> keyAB{{0, "111"}, {4, "100"}, {8, "101"}, {12, "011"}};
-    const auto& rows = keyAOnly ? keyA : keyAB;
-    const auto it = rows.find(keyAOnly ? (conditions & 3) : conditions);
-    if (it == rows.end()) return std::nullopt;
-    return it->second;
-}
+// The encoder's choices, by security value; "" is refused. Under key A alone
+// only the key-A term (value & 3) counts. With each data condition, the
+// number of the override entry that replaces it.
+const std::array<std::string, 4> kDataKeyA{"111", "001", "000", "000"};
+const std::array<std::string, 16> kDataKeyAB{"111", "",    "",    "",    "101", "001", "",    "",
+                                             "011", "110", "000", "000", "011", "110", "000", "000"};
+const std::array<std::size_t, 4> kEntryKeyA{1, 2, 3, 3};
+const std::array<std::size_t, 16> kEntryKeyAB{4, 0, 0, 0, 5, 6, 0, 0, 7, 8, 9, 9, 7, 8, 9, 9};
+const std::array<std::string, 4> kTrailerKeyA{"010", "000", "001", "001"};
+const std::array<std::string, 16> kTrailerKeyAB{"111", "", "", "", "100", "", "", "",
+                                                "101", "", "", "", "011", "", "", ""};
 
 // Every value under every scheme (0 and others than 1 and 2 use key B too),
 // on every block: its condition on its block only, or a refusal that
 // touches nothing; a negative value keeps the block.
 TEST(EncodeCondition, EveryValueUnderEverySchemeGivesItsConditionOnItsBlockOnly) {
-    const AccessConditionTable noOverrides{};
     for (const std::uint8_t scheme : {1, 0, 2, 3, 255}) {
         for (std::int32_t value = -3; value <= 17; ++value) {
             for (unsigned block = 0; block < 4; ++block) {
-                const AccessBytes before = Sector("010", "010");
-                AccessBytes a = before;
-                const bool trailer = block == 3;
-                const auto result = trailer
-                                        ? EncodeTrailerCondition(value, scheme, MaskOfBlock(block), a)
-                                        : EncodeDataBlockCondition(noOverrides, value, scheme, MaskOfBlock(block), a);
-                const auto expected = value < 0 ? std::optional<std::string>("010")
-                                      : trailer ? ExpectedTrailerCondition(value, scheme == 1)
-                                                : ExpectedDataCondition(value, scheme == 1);
+                AccessBytes a = Sector("010", "010");
+                const bool trailer = block == 3, keyA = scheme == 1;
+                const auto result = trailer ? EncodeTrailerCondition(value, scheme, MaskOfBlock(block), a)
+                                            : EncodeDataBlockCondition({}, value, scheme, MaskOfBlock(block), a);
+                std::string expected = "010";
+                if (value >= 0) {
+                    expected = keyA         ? (trailer ? kTrailerKeyA : kDataKeyA)[value & 3]
+                               : value > 15 ? ""
+                                            : (trailer ? kTrailerKeyAB : kDataKeyAB)[value];
+                }
                 SCOPED_TRACE("scheme " + std::to_string(scheme) + " value " + std::to_string(value) + " block " +
                              std::to_string(block));
-                EXPECT_EQ(result, expected ? sceSuccess : sceError);
+                EXPECT_EQ(result, expected.empty() ? sceError : sceSuccess);
                 for (unsigned b = 0; b < 4; ++b)
-                    EXPECT_EQ(CardConditionOf(a, b), b == block && expected ? *expected : "010") << "block " << b;
+                    EXPECT_EQ(CardConditionOf(a, b), b == block && !expected.empty() ? expected : "010") << b;
             }
         }
     }
 }
 
+// Each override replaces exactly the rows it names; "100" is no built-in
+// choice. An override never makes a refused value encodable.
 TEST(EncodeDataBlockCondition, EachOverrideReplacesExactlyTheRowsItNames) {
-    struct Row {
-        std::uint8_t scheme;
-        std::int32_t security;
-        std::size_t entry;
-    };
-    std::vector<Row> rows;
-    for (std::int32_t s = 0; s <= 15; ++s)
-        rows.push_back({1, s, std::size_t((s & 3) == 0 ? 1 : (s & 3) == 1 ? 2 : 3)});
-    const std::map<std::int32_t, std::size_t> keyABEntries{{0, 4},  {4, 5},  {5, 6},  {8, 7},  {12, 7}, {9, 8},
-                                                           {13, 8}, {10, 9}, {11, 9}, {14, 9}, {15, 9}};
-    for (const auto& [s, entry] : keyABEntries)
-        rows.push_back({2, s, entry});
-
     for (std::size_t entry = 1; entry <= 9; ++entry) {
         AccessConditionTable overrides{};
-        overrides[entry - 1] = "100";  // no built-in row uses it
-        for (const Row& row : rows) {
-            const auto text = DataBlockConditionText(overrides, row.security, row.scheme);
-            ASSERT_TRUE(text);
-            EXPECT_EQ(*text, row.entry == entry ? "100" : *ExpectedDataCondition(row.security, row.scheme == 1))
-                << "entry " << entry << " security " << row.security;
+        overrides[entry - 1] = "100";
+        for (std::int32_t security = 0; security <= 15; ++security) {
+            SCOPED_TRACE("entry " + std::to_string(entry) + " security " + std::to_string(security));
+            const auto keyA = DataBlockConditionText(overrides, security, 1);
+            EXPECT_EQ(keyA, kEntryKeyA[security & 3] == entry ? "100" : kDataKeyA[security & 3]);
+            const auto keyAB = DataBlockConditionText(overrides, security, 2);
+            EXPECT_EQ(keyAB.value_or(""), kEntryKeyAB[security] == entry ? "100" : kDataKeyAB[security]);
         }
     }
-    // An override never makes a refused value encodable.
-    AccessConditionTable all;
-    all.fill("000");
-    EXPECT_FALSE(DataBlockConditionText(all, 6, 2));
 }
 
 TEST(ConditionReading, IsCoarserThanTheCardsOwnMeaning) {
