@@ -18,47 +18,31 @@ namespace {
 
 const CError kBefore{7, "before", 9, "Previous", "SCardTransmit:ReadBinary", "6982"};
 
-enum class Work { Succeeds, RaisesRuntimeError, RaisesOther };
-
-struct GuardCase {
-    const char* name;
-    RecordRule rule;
-    Work work;
-    Record after;
-    friend void PrintTo(const GuardCase& c, std::ostream* os) { *os << c.name; }
-};
-
-class Guard : public ::testing::TestWithParam<GuardCase> {};
-
-TEST_P(Guard, AppliesItsRuleAndNeverThrows) {
-    const GuardCase& c = GetParam();
-    Encoder::Impl impl(std::make_shared<ScriptedPcsc>());
-    impl.error = kBefore;
-    auto run = [&] {
-        if (c.work == Work::RaisesRuntimeError) throw command::RuntimeError(6, "Overflow", "ignored");
-        if (c.work == Work::RaisesOther) throw std::out_of_range("index 9");
-        return sceSuccess;
+TEST(Guard, AppliesItsRuleAndNeverThrows) {
+    enum class Work { Succeeds, RaisesRuntimeError, RaisesOther };
+    const std::tuple<RecordRule, Work, Record> cases[] = {
+        {RecordRule::Clear, Work::Succeeds, Cleared("Member")},
+        {RecordRule::Keep, Work::Succeeds, Of(kBefore)},
+        {RecordRule::Untouched, Work::RaisesOther, Of(kBefore)},
+        {RecordRule::Clear, Work::RaisesRuntimeError, Failure(6, "Overflow", "Member")},
+        {RecordRule::Keep, Work::RaisesOther, Failure(5, "Unexpected error: index 9", "Member")},
     };
-    const sceReturnCode result = impl.Guard("Member", run, c.rule);
-    EXPECT_EQ(result, c.work == Work::Succeeds ? sceSuccess : sceError);
-    EXPECT_EQ(Of(impl.error), c.after);
-
-    // A member with a text result answers "" when cut short.
-    EXPECT_EQ(impl.Guard(
-                  "Text", []() -> std::string { throw std::bad_alloc(); }, RecordRule::Untouched),
-              "");
+    for (const auto& [rule, work, after] : cases) {
+        Encoder::Impl impl(std::make_shared<ScriptedPcsc>());
+        impl.error = kBefore;
+        const auto run = [work] {
+            if (work == Work::RaisesRuntimeError) throw command::RuntimeError(6, "Overflow", "ignored");
+            if (work == Work::RaisesOther) throw std::out_of_range("index 9");
+            return sceSuccess;
+        };
+        EXPECT_EQ(impl.Guard("Member", run, rule), work == Work::Succeeds ? sceSuccess : sceError);
+        EXPECT_EQ(Of(impl.error), after);
+        // A member with a text result answers "" when cut short.
+        EXPECT_EQ(impl.Guard(
+                      "Text", []() -> std::string { throw std::bad_alloc(); }, rule),
+                  "");
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Rules, Guard,
-    ::testing::Values(GuardCase{"ClearSucceeds", RecordRule::Clear, Work::Succeeds, Cleared("Member")},
-                      GuardCase{"KeepSucceeds", RecordRule::Keep, Work::Succeeds, Of(kBefore)},
-                      GuardCase{"UntouchedRaises", RecordRule::Untouched, Work::RaisesOther, Of(kBefore)},
-                      GuardCase{"ClearRaises", RecordRule::Clear, Work::RaisesRuntimeError,
-                                Failure(6, "Overflow", "Member")},
-                      GuardCase{"KeepRaises", RecordRule::Keep, Work::RaisesOther,
-                                Failure(5, "Unexpected error: index 9", "Member")}),
-    [](const auto& info) { return std::string(info.param.name); });
 
 // A driver that throws where it should answer a code.
 class ThrowingPcsc : public ScriptedPcsc {
