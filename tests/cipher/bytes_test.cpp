@@ -39,7 +39,6 @@ namespace elatectwn4::cipher {
 namespace {
 
 TEST(Hex, WritesUpperCaseAndReadsWhatEachSyntaxAccepts) {
-    EXPECT_EQ(ToHex(std::vector<std::uint8_t>{0x01, 0xFF, 0x0A}, ' '), "01 FF 0A");
     EXPECT_EQ(ToHex(std::uint8_t{0xB}), "0B");
     constexpr HexSyntax kLenient{IsBlank, true};
     constexpr HexSyntax kNoSkip{[](char) { return false; }};
@@ -49,9 +48,6 @@ TEST(Hex, WritesUpperCaseAndReadsWhatEachSyntaxAccepts) {
         std::optional<ByteArray> bytes;
     };
     const Case cases[] = {
-        {"FCA", {}, ByteArray{0x0F, 0xCA}},  // an odd count is completed in front
-        {" a0 b1 ", {}, ByteArray{0xA0, 0xB1}},
-        {"G1", {}, std::nullopt},
         {"a0\tA1", {}, std::nullopt},  // only blanks are skipped
         {"0A 0B", kNoSkip, std::nullopt},
         {"G1 02", kLenient, ByteArray{0x00, 0x02}},  // a pair with a stray character reads 0
@@ -71,7 +67,9 @@ TEST(Hex, WritesUpperCaseAndReadsWhatEachSyntaxAccepts) {
         EXPECT_EQ(HexNumber(bad), std::nullopt) << bad;
 }
 
-TEST(IsHexText, NormalisesOrRefusesAndThenLeavesTheTextAlone) {
+// What any text reads to is the hex fuzz target's; here the syntaxes and the
+// expected lengths it does not vary.
+TEST(IsHexText, RefusesTextOfAnotherLengthAndThenLeavesItAlone) {
     struct Case {
         std::string input;
         int expectedLength;
@@ -79,9 +77,9 @@ TEST(IsHexText, NormalisesOrRefusesAndThenLeavesTheTextAlone) {
         std::string after;
     };
     const Case cases[] = {
-        {" a0 a1 ", -1, true, "A0A1"}, {"A0A1", 6, false, "A0A1"}, {"A0 A1 A2 A3 A4 A5", 12, true, "A0A1A2A3A4A5"},
-        {"ABC", -1, true, "ABC"},      {"   ", 0, true, ""},       {"G1", -1, false, "G1"},
-        {"A0-A1", -1, false, "A0-A1"},
+        {"A0A1", 6, false, "A0A1"},
+        {"A0 A1 A2 A3 A4 A5", 12, true, "A0A1A2A3A4A5"},
+        {"   ", 0, true, ""},
     };
     for (const Case& c : cases) {
         std::string text = c.input;

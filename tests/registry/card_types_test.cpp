@@ -63,7 +63,6 @@ TEST(Identify, FindsTheTypeAndRecordsOnlyWhatItMust) {
         {kDesfire + kAddNew, "3B8180AABB", "3B8180AABB", 0x31, 7, false},
         // Upper case, the ATR trimmed; blanks between bytes do not matter on either side.
         {"\"M1K\"=\"11;3b8f80;4\"\r\n", "  3b8f8001  ", "3B8F8001", 0x11, 4, false},
-        {"\"M4K\"=\"12;3B 8F 80 01 80;7\"\r\n", "3B 8F 80 01 80 4F", "3B 8F 80 01 80 4F", 0x12, 7, false},
         {kDesfire, "3B 81 80 01", "3B 81 80 01", 0x31, 7, false},
         {"\"DESFire\"=\"31;3B 81 80;7\"\r\n", "3B818001", "3B818001", 0x31, 7, false},
         // The first matching entry in file order wins.

