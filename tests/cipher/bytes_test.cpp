@@ -38,16 +38,8 @@ void operator delete[](void* p, std::size_t) noexcept {
 namespace elatectwn4::cipher {
 namespace {
 
-TEST(Hex, WritesTwoUpperCaseDigitsPerByte) {
-    const std::vector<std::uint8_t> bytes{0x01, 0xFF, 0x0A};
-    EXPECT_EQ(ToHex(bytes), "01FF0A");
-    EXPECT_EQ(ToHex(bytes, ' '), "01 FF 0A");
-    EXPECT_EQ(ToHex(ByteView{}, ' '), "");
+TEST(Hex, WritesUpperCaseAndReadsWhatEachSyntaxAccepts) {
     EXPECT_EQ(ToHex(std::uint8_t{0xB}), "0B");
-    EXPECT_EQ(ToHex(AsBytes("Az")), "417A");
-}
-
-TEST(Hex, ReadsWhatEachSyntaxAccepts) {
     constexpr HexSyntax kLenient{IsBlank, true};
     constexpr HexSyntax kNoSkip{[](char) { return false; }};
     struct Case {
@@ -56,10 +48,6 @@ TEST(Hex, ReadsWhatEachSyntaxAccepts) {
         std::optional<ByteArray> bytes;
     };
     const Case cases[] = {
-        {"FCA", {}, ByteArray{0x0F, 0xCA}},  // an odd count is completed in front
-        {" a0 b1 ", {}, ByteArray{0xA0, 0xB1}},
-        {"", {}, ByteArray{}},
-        {"G1", {}, std::nullopt},
         {"a0\tA1", {}, std::nullopt},  // only blanks are skipped
         {"0A 0B", kNoSkip, std::nullopt},
         {"G1 02", kLenient, ByteArray{0x00, 0x02}},  // a pair with a stray character reads 0
@@ -73,18 +61,15 @@ TEST(Hex, ReadsWhatEachSyntaxAccepts) {
     EXPECT_TRUE(DecodeHexExactly("0a 0B", two));
     EXPECT_EQ(two, (std::array<std::uint8_t, 2>{0x0A, 0x0B}));
     EXPECT_FALSE(DecodeHexExactly("0A0", two)) << "three digits are no two bytes";
-    EXPECT_FALSE(DecodeHexExactly("0A0B0C", two));
-}
 
-TEST(Hex, ReadsNumbersOfUpToSixteenDigits) {
-    EXPECT_EQ(HexNumber("ff"), 0xFFu);
     EXPECT_EQ(HexNumber("FFFFFFFFFFFFFFFF"), 0xFFFFFFFFFFFFFFFFu);
-    EXPECT_EQ(HexNumber("1FFFFFFFFFFFFFFFF"), std::nullopt);
-    EXPECT_EQ(HexNumber(""), std::nullopt);
-    EXPECT_EQ(HexNumber("1 "), std::nullopt);
+    for (const char* bad : {"1FFFFFFFFFFFFFFFF", "", "1 "})
+        EXPECT_EQ(HexNumber(bad), std::nullopt) << bad;
 }
 
-TEST(IsHexText, NormalisesOrRefusesAndThenLeavesTheTextAlone) {
+// What any text reads to is the hex fuzz target's; here the syntaxes and the
+// expected lengths it does not vary.
+TEST(IsHexText, RefusesTextOfAnotherLengthAndThenLeavesItAlone) {
     struct Case {
         std::string input;
         int expectedLength;
@@ -92,9 +77,9 @@ TEST(IsHexText, NormalisesOrRefusesAndThenLeavesTheTextAlone) {
         std::string after;
     };
     const Case cases[] = {
-        {" a0 a1 ", -1, true, "A0A1"}, {"A0A1", 6, false, "A0A1"}, {"A0 A1 A2 A3 A4 A5", 12, true, "A0A1A2A3A4A5"},
-        {"ABC", -1, true, "ABC"},      {"   ", 0, true, ""},       {"G1", -1, false, "G1"},
-        {"A0-A1", -1, false, "A0-A1"},
+        {"A0A1", 6, false, "A0A1"},
+        {"A0 A1 A2 A3 A4 A5", 12, true, "A0A1A2A3A4A5"},
+        {"   ", 0, true, ""},
     };
     for (const Case& c : cases) {
         std::string text = c.input;

@@ -25,24 +25,9 @@ constexpr const char* kEmptyReader = "Virtual PCD 00 01";
 constexpr const char* kAtr = "3B 8F 80 01 80 4F 0C A0 00 00 03 06 03 00 01 00 00 00 00 6A";
 constexpr const char* kUnavailable = "Configuration dialog unavailable";
 
-std::vector<std::string> LinesOf(const std::filesystem::path& file) {
-    std::ifstream in(file);
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(in, line);)
-        lines.push_back(line);
-    return lines;
-}
-
 std::string Opening(const std::string& language) {
     return "language\t" + language + "|reader\tVirtual PCD 00 00|reader\tVirtual PCD 00 01|current\t" + kCardReader +
            "|show";
-}
-
-std::string Joined(const std::vector<std::string>& lines) {
-    std::string text;
-    for (const std::string& line : lines)
-        text += (text.empty() ? "" : "|") + line;
-    return text;
 }
 
 class Configure : public ::testing::Test {
@@ -58,7 +43,13 @@ protected:
         return encoder.Configure(language);
     }
     /// What the component sent, "|" between lines.
-    std::string Sent() const { return Joined(LinesOf(log)); }
+    std::string Sent() const {
+        std::ifstream in(log);
+        std::string text;
+        for (std::string line; std::getline(in, line);)
+            text += (text.empty() ? "" : "|") + line;
+        return text;
+    }
     std::string Device() {
         const std::string parameters = encoder.Parameters();
         return parameters.substr(parameters.find("Device=") + 7);

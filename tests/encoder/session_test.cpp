@@ -3,11 +3,7 @@
 // trace lines of a reconnection.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -40,22 +36,19 @@ std::string Text(std::uint32_t code) {
     return command::PCSCErrorText(code);
 }
 const std::string kGetUid = "Transmit card=0x2001 protocol=2 FF CA 00 00 00";
-
-// The session's own trace lines; "Sending"/"Received" are the command layer's.
-std::vector<std::string> SessionLines() {
-    std::vector<std::string> lines = TraceLines();
-    std::erase_if(
-        lines, [](const std::string& line) { return line.starts_with("Sending ") || line.starts_with("Received: "); });
-    return lines;
-}
+const std::string kConnectA = ConnectTo("Reader A");
 
 class Session : public ::testing::Test {
 public:
-    void SetUp() override {
+    void SetUp() override { Fresh(); }
+
+    // A new encoder for "Reader A" on a new fake.
+    void Fresh() {
         ClearTrace();
         fake = std::make_shared<ScriptedPcsc>();
         encoder = std::make_unique<Encoder>(fake);
         encoder->Parameters("Device=Reader A");
+        mark = 0;
     }
 
     // Opens on the fake's defaults (a MIFARE 1K in "Reader A") and forgets
@@ -74,26 +67,16 @@ public:
     std::size_t mark = 0;
 };
 
-// ---- Creation and destruction -----------------------------------------------------------
-
-TEST_F(Session, ANewEncoderTalksToNoReaderAndReportsItsDefaults) {
-    Encoder fresh(fake);
-    EXPECT_EQ(Of(fresh.LastError()), Cleared(""));
-    EXPECT_EQ(fresh.ATRString(), "");
-    EXPECT_EQ(fresh.SerialNumberLength(), 0);
-    EXPECT_EQ(fresh.CardType(), sceUnknownType);  // the card-type routine ran with no ATR
-    EXPECT_EQ(Of(fresh.LastError()), Cleared("CardType"));
-    EXPECT_EQ(fresh.EncoderState(), sceClosed);
+TEST_F(Session, ANewEncoderTalksToNoReaderAndDestroyingAnOpenOneReleases) {
+    EXPECT_EQ(encoder->ATRString(), "");
+    EXPECT_EQ(encoder->CardType(), sceUnknownType);  // the card-type routine ran with no ATR
+    EXPECT_EQ(Of(encoder->LastError()), Cleared("CardType"));
+    EXPECT_EQ(encoder->EncoderState(), sceClosed);
     EXPECT_THAT(Trail(*fake), IsEmpty());
-}
-
-TEST_F(Session, DestroyingAnOpenEncoderDisconnectsAndReleases) {
     OpenWithCard();
     encoder.reset();
     EXPECT_THAT(Since(), ElementsAre(kDisconnect, kRelease));
 }
-
-// ---- Opening --------------------------------------------------------------------------------
 
 TEST_F(Session, WithoutResourceManagerNothingOpens) {
     fake->WillEstablishContext(kNoService);
@@ -109,88 +92,76 @@ TEST_F(Session, WithoutResourceManagerNothingOpens) {
 
 TEST_F(Session, TheAtrComesFromStatusWhenTheAttributeIsNotOffered) {
     for (const std::uint32_t code : {0x8010001Fu, 0x80100011u, 0u}) {  // unsupported, invalid value, empty value
-        fake = std::make_shared<ScriptedPcsc>();
+        Fresh();
         fake->WillGetAttrib(code, "");
         PcscStatus status;
         status.atr = Bytes(kDesfireAtr);
         fake->WillReportStatus(0, status);
-        Encoder e(fake);
-        e.Parameters("Device=Reader A");
-        ASSERT_EQ(e.OpenEncoder(), sceSuccess);
-        EXPECT_THAT(Trail(*fake), ElementsAre(kEstablish, ConnectTo("Reader A"), kAtrAttrib, kStatus));
-        EXPECT_EQ(e.ATRString(), kDesfireAtr);
+        ASSERT_EQ(encoder->OpenEncoder(), sceSuccess);
+        EXPECT_THAT(Trail(*fake), ElementsAre(kEstablish, kConnectA, kAtrAttrib, kStatus));
+        EXPECT_EQ(encoder->ATRString(), kDesfireAtr);
     }
 }
 
-struct ConnectCase {
-    const char* name;
-    std::uint32_t code;
-    bool reopen;  ///< ReOpenEncoder instead of OpenEncoder
-    std::uint32_t number;
-    bool staysOpen;
-    friend void PrintTo(const ConnectCase& c, std::ostream* os) { *os << c.name; }
-};
-
-class ConnectFailure : public Session, public ::testing::WithParamInterface<ConnectCase> {};
-
-TEST_P(ConnectFailure, LeavesTheRecordAndTheSessionAsTheCodeDemands) {
-    const ConnectCase& c = GetParam();
-    fake->WillConnect(c.code);
-    if (c.reopen) {
-        encoder->ReOpenEncoder();
-    } else {
-        EXPECT_EQ(encoder->OpenEncoder(), c.number == kNoCard ? sceSuccess : sceError);
+TEST_F(Session, AFailedConnectionLeavesTheRecordAndTheSessionAsTheCodeDemands) {
+    struct Case {
+        std::uint32_t code;
+        bool reopen;  ///< ReOpenEncoder instead of OpenEncoder
+        std::uint32_t number;
+        bool staysOpen;  ///< connects again later in the same context
+    };
+    const Case cases[] = {
+        {kNoSmartcard, false, kNoCard, true},
+        {0x8010000D, false, kNoCard, true},  // unknown card
+        {0x8010001C, false, kNoCard, true},  // unsupported card
+        {kRemovedCard, false, kNoCard, true},
+        {0x80100009, false, kNoReader, false},  // unknown reader
+        {0x8010000B, false, kNoReader, false},  // sharing violation
+        // Opening again keeps the context, unless the resource manager is gone.
+        {0x80100009, true, kNoReader, true},
+        {kNoService, true, kNoReader, false},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(Text(c.code));
+        Fresh();
+        fake->WillConnect(c.code);
+        if (c.reopen) {
+            encoder->ReOpenEncoder();
+        } else {
+            EXPECT_EQ(encoder->OpenEncoder(), c.number == kNoCard ? sceSuccess : sceError);
+        }
+        EXPECT_EQ(Of(encoder->LastError()),
+                  Failure(c.number, c.number == kNoCard ? "No card in encoder" : "Cannot open encoder", "OpenEncoder",
+                          "SCardConnect", Text(c.code), c.code));
+        EXPECT_EQ(encoder->ATRString(), "");
+        auto trail = std::vector<std::string>{kEstablish, kConnectA};
+        if (!c.staysOpen) trail.push_back(kRelease);
+        EXPECT_THAT(Trail(*fake), ElementsAreArray(trail));
+        EXPECT_EQ(encoder->EncoderState() == sceClosed, !c.staysOpen);
     }
-    EXPECT_EQ(Of(encoder->LastError()),
-              Failure(c.number, c.number == kNoCard ? "No card in encoder" : "Cannot open encoder", "OpenEncoder",
-                      "SCardConnect", Text(c.code), c.code));
-    EXPECT_EQ(encoder->ATRString(), "");
-    auto trail = std::vector<std::string>{kEstablish, ConnectTo("Reader A")};
-    if (!c.staysOpen) trail.push_back(kRelease);
-    EXPECT_THAT(Trail(*fake), ElementsAreArray(trail));
-    EXPECT_EQ(encoder->EncoderState() == sceClosed, !c.staysOpen);  // open: connects again, same context
 }
 
-INSTANTIATE_TEST_SUITE_P(Codes, ConnectFailure,
-                         ::testing::Values(ConnectCase{"NoSmartcard", kNoSmartcard, false, kNoCard, true},
-                                           ConnectCase{"UnknownCard", 0x8010000D, false, kNoCard, true},
-                                           ConnectCase{"UnsupportedCard", 0x8010001C, false, kNoCard, true},
-                                           ConnectCase{"RemovedCard", kRemovedCard, false, kNoCard, true},
-                                           ConnectCase{"UnknownReader", 0x80100009, false, kNoReader, false},
-                                           ConnectCase{"SharingViolation", 0x8010000B, false, kNoReader, false},
-                                           // Opening again keeps the context, unless the resource manager is gone.
-                                           ConnectCase{"ReopenUnknownReader", 0x80100009, true, kNoReader, true},
-                                           ConnectCase{"ReopenNoService", kNoService, true, kNoReader, false}),
-                         [](const auto& info) { return std::string(info.param.name); });
-
-TEST_F(Session, OpeningTwiceHandsTheFirstConnectionBack) {
+TEST_F(Session, OpeningAgainHandsTheConnectionBackAndAfterARestartTakesANewContext) {
     OpenWithCard();
     EXPECT_EQ(encoder->OpenEncoder(), sceSuccess);
-    EXPECT_THAT(Since(), ElementsAre(kDisconnect, ConnectTo("Reader A"), kAtrAttrib));
-}
+    EXPECT_THAT(Since(), ElementsAre(kDisconnect, kConnectA, kAtrAttrib));
 
-// A restarted resource manager no longer knows the context of the first
-// open; opening again is what a host does then, and it must work at once.
-TEST_F(Session, OpeningAgainAfterTheResourceManagerRestartedTakesANewContext) {
-    OpenWithCard();
+    // A restarted resource manager no longer knows the context of the first
+    // open; opening again is what a host does then, and it must work at once.
+    mark = fake->Calls().size();
     fake->WillConnect(kNoService);
     EXPECT_EQ(encoder->OpenEncoder(), sceSuccess);
     EXPECT_EQ(Of(encoder->LastError()), Cleared("OpenEncoder"));
-    EXPECT_THAT(Since(), ElementsAre(kDisconnect, ConnectTo("Reader A"), kRelease, kEstablish, ConnectTo("Reader A"),
-                                     kAtrAttrib));
-    EXPECT_EQ(encoder->EncoderState(), sceReady);
-}
+    EXPECT_THAT(Since(), ElementsAre(kDisconnect, kConnectA, kRelease, kEstablish, kConnectA, kAtrAttrib));
 
-TEST_F(Session, ParametersOnAnOpenEncoderKeepTheSession) {
-    OpenWithCard();
+    // Parameters on an open encoder keep the session.
+    mark = fake->Calls().size();
     encoder->Parameters("Device=Reader B;Conformance=card");
     fake->Expect("FF CA 00 00 00").Reply("01 02 03 04 90 00");
     std::string uid;
     EXPECT_EQ(encoder->ReadSerialNumber(uid), sceSuccess);
     EXPECT_THAT(Since(), ElementsAre(kStatus, kGetUid));
 }
-
-// ---- Closing ---------------------------------------------------------------------------------
 
 TEST_F(Session, ClosingTwiceSucceedsReleasesOnceAndIgnoresARefusingReader) {
     OpenWithCard();
@@ -205,45 +176,35 @@ TEST_F(Session, ClosingTwiceSucceedsReleasesOnceAndIgnoresARefusingReader) {
     EXPECT_EQ(encoder->EncoderState(), sceClosed);
 }
 
-// ---- EncoderState ----------------------------------------------------------------------------
-
-struct StateCase {
-    const char* name;
-    bool cardAtOpen;
-    std::uint32_t status;   ///< the card check of a connected card
-    std::uint32_t connect;  ///< a connection attempt during the probe
-    sceEncoderState state;
-    std::vector<std::string> trail;
-    friend void PrintTo(const StateCase& c, std::ostream* os) { *os << c.name; }
-};
-
-class StateProbe : public Session, public ::testing::WithParamInterface<StateCase> {};
-
-TEST_P(StateProbe, OnlyTheDefiniteNoCardAnswerMeansOpenedAndNoRecordIsLeft) {
-    const StateCase& c = GetParam();
-    if (!c.cardAtOpen) fake->WillConnect(kNoSmartcard);
-    ASSERT_EQ(encoder->OpenEncoder(), sceSuccess);
-    mark = fake->Calls().size();
-    fake->WillReportStatus(c.status);
-    fake->WillConnect(c.connect);
-    EXPECT_EQ(encoder->EncoderState(), c.state);
-    EXPECT_EQ(Of(encoder->LastError()), Cleared("EncoderState"));
-    EXPECT_THAT(Since(), ElementsAreArray(c.trail));
+TEST_F(Session, OnlyTheDefiniteNoCardAnswerMakesTheStateOpenedAndNoProbeLeavesARecord) {
+    struct Case {
+        bool cardAtOpen;
+        std::uint32_t status;   ///< the card check of a connected card
+        std::uint32_t connect;  ///< a connection attempt during the probe
+        sceEncoderState state;
+        std::vector<std::string> trail;
+    };
+    const Case cases[] = {
+        {true, 0, 0, sceReady, {kStatus}},
+        {true, kRemovedCard, kNoSmartcard, sceOpened, {kStatus, kDisconnect, kConnectA}},
+        {false, 0, 0, sceReady, {kConnectA, kAtrAttrib}},
+        {false, 0, kRemovedCard, sceOpened, {kConnectA}},
+        {false, 0, 0x80100017, sceReady, {kConnectA}},  // reader unavailable
+        {false, 0, 0x8010000B, sceReady, {kConnectA}},  // sharing violation
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(::testing::PrintToString(c.trail));
+        Fresh();
+        if (!c.cardAtOpen) fake->WillConnect(kNoSmartcard);
+        ASSERT_EQ(encoder->OpenEncoder(), sceSuccess);
+        mark = fake->Calls().size();
+        fake->WillReportStatus(c.status);
+        fake->WillConnect(c.connect);
+        EXPECT_EQ(encoder->EncoderState(), c.state);
+        EXPECT_EQ(Of(encoder->LastError()), Cleared("EncoderState"));
+        EXPECT_THAT(Since(), ElementsAreArray(c.trail));
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Probes, StateProbe,
-    ::testing::Values(
-        StateCase{"CardStays", true, 0, 0, sceReady, {kStatus}},
-        StateCase{
-            "CardLeft", true, kRemovedCard, kNoSmartcard, sceOpened, {kStatus, kDisconnect, ConnectTo("Reader A")}},
-        StateCase{"CardArrived", false, 0, 0, sceReady, {ConnectTo("Reader A"), kAtrAttrib}},
-        StateCase{"StillRemoved", false, 0, kRemovedCard, sceOpened, {ConnectTo("Reader A")}},
-        StateCase{"ReaderUnavailable", false, 0, 0x80100017, sceReady, {ConnectTo("Reader A")}},
-        StateCase{"SharingViolation", false, 0, 0x8010000B, sceReady, {ConnectTo("Reader A")}}),
-    [](const auto& info) { return std::string(info.param.name); });
-
-// ---- The card check before a command, through ReadSerialNumber -------------------------------
 
 TEST_F(Session, TheCardCheckBeforeACommandFailsBeforeAnythingIsSent) {
     std::string uid = "kept";
@@ -257,7 +218,7 @@ TEST_F(Session, TheCardCheckBeforeACommandFailsBeforeAnythingIsSent) {
     EXPECT_EQ(encoder->ReadSerialNumber(uid), sceError);
     EXPECT_EQ(Of(encoder->LastError()), Failure(kNoCard, "No card in encoder", "SelectCardInRange", "SCardConnect",
                                                 Text(kNoSmartcard), kNoSmartcard));
-    EXPECT_THAT(Since(), ElementsAre(kStatus, kDisconnect, ConnectTo("Reader A")));
+    EXPECT_THAT(Since(), ElementsAre(kStatus, kDisconnect, kConnectA));
 
     // The handles of a lost resource manager are dropped: the next open starts afresh.
     mark = fake->Calls().size();
@@ -265,58 +226,35 @@ TEST_F(Session, TheCardCheckBeforeACommandFailsBeforeAnythingIsSent) {
     EXPECT_EQ(encoder->ReadSerialNumber(uid), sceError);
     EXPECT_EQ(Of(encoder->LastError()), Failure(kNoReader, "Cannot open encoder", "SelectCardInRange", "SCardConnect",
                                                 Text(kNoService), kNoService));
-    EXPECT_THAT(Since(), ElementsAre(ConnectTo("Reader A"), kRelease));
+    EXPECT_THAT(Since(), ElementsAre(kConnectA, kRelease));
     EXPECT_EQ(encoder->EncoderState(), sceClosed);
     EXPECT_EQ(uid, "kept");
+
+    // Explaining a status leaves the record alone.
+    EXPECT_EQ(encoder->GetResponseText("6982", "MifareAuthenticate:LoadKey"), "[Error]  Card key not supported");
+    EXPECT_EQ(Of(encoder->LastError()), Cleared("EncoderState"));
 }
 
-// ---- ReadSerialNumber --------------------------------------------------------------------------
-
-struct UidCase {
-    const char* name;
-    const char* answer;        ///< to FF CA 00 00 00
-    const char* continuation;  ///< to 90 AF 00 00 00, when the answer announces more
-    std::uint32_t failure;     ///< the transmission fails instead
-    const char* uid;
-    Record record;
-    friend void PrintTo(const UidCase& c, std::ostream* os) { *os << c.name; }
-};
-
-class SerialNumber : public Session, public ::testing::WithParamInterface<UidCase> {};
-
-TEST_P(SerialNumber, IsTheWholeUidInContiguousHexOrEmptyWithTheRecord) {
-    const UidCase& c = GetParam();
-    OpenWithCard();
-    auto& exchange = fake->Expect("FF CA 00 00 00");
-    if (c.failure != 0) {
-        exchange.Fail(c.failure);
-    } else {
-        exchange.Reply(c.answer);
+TEST_F(Session, TheSerialNumberIsTheWholeUidInContiguousHexOrEmptyWithTheRecord) {
+    const Record tooShort = Failure(kCommandFailed, "Encoder command failed", "ReadSerialNumber",
+                                    "SCardTransmit:GetUID", "Answer of 5 data bytes, expected 4, 7 or 10");
+    const std::tuple<const char*, const char*, const char*, Record> cases[] = {
+        {"04 A1 B2 C3 91 AF", "D4 E5 F6 90 00", "04A1B2C3D4E5F6", Cleared("ReadSerialNumber")},
+        {"00 01 02 03 04 05 06 07 08 09 90 00", nullptr, "00010203040506070809", Cleared("ReadSerialNumber")},
+        {"04 A1 B2 C3 D4 90 00", nullptr, "", tooShort},
+        {"6A 81", nullptr, "",
+         Failure(kCommandFailed, "Encoder command failed", "ReadSerialNumber", "SCardTransmit:GetUID", "6A81")},
+    };
+    for (const auto& [answer, continuation, expected, record] : cases) {
+        OpenWithCard();
+        fake->Expect("FF CA 00 00 00").Reply(answer);
+        if (continuation) fake->Expect("90 AF 00 00 00").Reply(continuation);
+        std::string uid = "stale";
+        EXPECT_EQ(encoder->ReadSerialNumber(uid), *expected ? sceSuccess : sceError);
+        EXPECT_EQ(uid, expected);
+        EXPECT_EQ(Of(encoder->LastError()), record);
     }
-    if (c.continuation) fake->Expect("90 AF 00 00 00").Reply(c.continuation);
-    std::string uid = "stale";
-    EXPECT_EQ(encoder->ReadSerialNumber(uid), c.record == Cleared("ReadSerialNumber") ? sceSuccess : sceError);
-    EXPECT_EQ(uid, c.uid);
-    EXPECT_EQ(Of(encoder->LastError()), c.record);
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Answers, SerialNumber,
-    ::testing::Values(
-        UidCase{"OneFrame", "04 A1 B2 C3 D4 E5 F6 90 00", nullptr, 0, "04A1B2C3D4E5F6", Cleared("ReadSerialNumber")},
-        UidCase{"TwoFrames", "04 A1 B2 C3 91 AF", "D4 E5 F6 90 00", 0, "04A1B2C3D4E5F6", Cleared("ReadSerialNumber")},
-        UidCase{"Refused", "6A 81", nullptr, 0, "",
-                Failure(kCommandFailed, "Encoder command failed", "ReadSerialNumber", "SCardTransmit:GetUID", "6A81")},
-        UidCase{"OnlyAStatus", "90 00", nullptr, 0, "",
-                Failure(kCommandFailed, "Encoder command failed", "ReadSerialNumber", "SCardTransmit:GetUID",
-                        "Answer of 0 data bytes, expected 4, 7 or 10")},
-        UidCase{"FiveBytes", "04 A1 B2 C3 D4 90 00", nullptr, 0, "",
-                Failure(kCommandFailed, "Encoder command failed", "ReadSerialNumber", "SCardTransmit:GetUID",
-                        "Answer of 5 data bytes, expected 4, 7 or 10")},
-        UidCase{"CardRemovedMeanwhile", nullptr, nullptr, kRemovedCard, "",
-                Failure(kCommandFailed, "Encoder command failed", "ReadSerialNumber", "SCardTransmit:GetUID",
-                        Text(kRemovedCard))}),
-    [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(Session, ACardSwappedBetweenCommandsIsIdentifiedAfresh) {
     // Fragments are written as the ATR text shows bytes: blank-separated.
@@ -334,42 +272,32 @@ TEST_F(Session, ACardSwappedBetweenCommandsIsIdentifiedAfresh) {
     EXPECT_EQ(encoder->ATRString(), kDesfireAtr);
     EXPECT_EQ(encoder->SerialNumberLength(), 7);
     EXPECT_EQ(encoder->CardType(), sceDESFire);
-    EXPECT_THAT(Since(),
-                ElementsAre(kStatus, kDisconnect, ConnectTo("Reader A"), "GetAttrib card=0x2002 attribute=0x90303",
-                            "Transmit card=0x2002 protocol=2 FF CA 00 00 00"));
+    EXPECT_THAT(Since(), ElementsAre(kStatus, kDisconnect, kConnectA, "GetAttrib card=0x2002 attribute=0x90303",
+                                     "Transmit card=0x2002 protocol=2 FF CA 00 00 00"));
 }
 
-// ---- Escape ------------------------------------------------------------------------------------
-
-TEST_F(Session, EscapeSendsTheCommandAsWrittenAndReturnsTheRawAnswer) {
+TEST_F(Session, EscapeSendsWholeHexBytesAsWrittenAndReturnsTheRawAnswer) {
     OpenWithCard();
     fake->Expect("FF 9B 00 00 01 AA").Reply("01 02 90 00");
     std::string answer;
     EXPECT_EQ(encoder->Escape("ff9b 00 00 01 aa", answer), sceSuccess);
     EXPECT_EQ(answer, "01029000");  // the status word is part of the raw answer
     EXPECT_EQ(Of(encoder->LastError()), Cleared("Escape"));
+    mark = fake->Calls().size();
 
-    fake->Expect("FF 00 00 00 00").Fail(0x80100016);
-    EXPECT_EQ(encoder->Escape("FF 00 00 00 00", answer), sceError);
-    EXPECT_EQ(answer, "01029000");
-    EXPECT_EQ(Of(encoder->LastError()),
-              Failure(kCommandFailed, "Encoder command failed", "Escape", "SCardTransmit:Escape", Text(0x80100016)));
-}
-
-TEST_F(Session, AnEscapeThatIsNotWholeHexBytesNeverReachesTheReader) {
-    OpenWithCard();
+    const auto failed = [](std::uint32_t code) {
+        return Failure(kCommandFailed, "Encoder command failed", "Escape", "SCardTransmit:Escape", Text(code));
+    };
     for (const char* command : {"FF ZZ 00", "FFC", "0xFF", "FF CA 00 00 00\r\n"}) {
-        std::string answer = "kept";
         EXPECT_EQ(encoder->Escape(command, answer), sceError);
-        EXPECT_EQ(answer, "kept");
-        EXPECT_EQ(Of(encoder->LastError()),
-                  Failure(kCommandFailed, "Encoder command failed", "Escape", "SCardTransmit:Escape", Text(0x80100004)))
-            << command;
+        EXPECT_EQ(answer, "01029000");
+        EXPECT_EQ(Of(encoder->LastError()), failed(0x80100004)) << command;
     }
     EXPECT_THAT(Since(), IsEmpty());
+    fake->Expect("FF 00 00 00 00").Fail(0x80100016);
+    EXPECT_EQ(encoder->Escape("FF 00 00 00 00", answer), sceError);
+    EXPECT_EQ(Of(encoder->LastError()), failed(0x80100016));
 }
-
-// ---- ReaderType ----------------------------------------------------------------------------------
 
 TEST_F(Session, ReaderTypeDescribesTheReaderInFiveLines) {
     EXPECT_EQ(encoder->ReaderType(), "");
@@ -397,45 +325,49 @@ TEST_F(Session, ReaderTypeDescribesTheReaderInFiveLines) {
 constexpr const char* kReaderModeAtr = "3B 86 81 11 FE 81 43 69 6E 64 79 30";
 constexpr const char* kSetSimpleProtocol = "FF 9B 00 00 0A 05 02 FF FF FF FF FF FF FF FF";
 
-struct ReconnectCase {
-    const char* name;
-    const char* switchAnswer;
-    std::vector<std::string> listed;
-    std::string chosen;
-    friend void PrintTo(const ReconnectCase& c, std::ostream* os) { *os << c.name; }
-};
-
-class ReaderMode : public Session, public ::testing::WithParamInterface<ReconnectCase> {};
-
-TEST_P(ReaderMode, SwitchesToTheSimpleProtocolAndConnectsAgain) {
-    fake->WillGetAttrib(0, kReaderModeAtr);
-    fake->Expect(kSetSimpleProtocol).Reply(GetParam().switchAnswer);
-    fake->WillListReaders(0, GetParam().listed);
-    fake->WillConnect(0);
-    fake->WillConnect(0, 0x2002);
-
-    ASSERT_EQ(encoder->OpenEncoder(), sceSuccess);
-    EXPECT_THAT(Trail(*fake), ElementsAre(kEstablish, ConnectTo("Reader A"), kAtrAttrib,
-                                          std::string("Transmit card=0x2001 protocol=2 ") + kSetSimpleProtocol,
-                                          kDisconnect, "ListReaders context=0x1001", ConnectTo(GetParam().chosen),
-                                          "GetAttrib card=0x2002 attribute=0x90303"));
-    EXPECT_EQ(encoder->ATRString(), kMifare1KAtr);
-    EXPECT_EQ(Of(encoder->LastError()), Cleared("OpenEncoder"));  // also when the reader refused the switch
-    EXPECT_THAT(SessionLines(), ElementsAre("Disconnecting card", "Enumarating slots",
-                                            std::to_string(GetParam().listed.size()) + " slots found, using \"" +
-                                                GetParam().chosen + "\"",
-                                            "Connection successful", "New ATR is " + kMifare1KAtr));
+// The session's own trace lines; "Sending"/"Received" are the command layer's.
+std::vector<std::string> SessionLines() {
+    std::vector<std::string> lines = TraceLines();
+    std::erase_if(
+        lines, [](const std::string& line) { return line.starts_with("Sending ") || line.starts_with("Received: "); });
+    return lines;
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Slots, ReaderMode,
-    ::testing::Values(ReconnectCase{"ConfiguredListed", "90 00", {"TWN4 SAM", "Reader A"}, "Reader A"},
-                      ReconnectCase{"ConfiguredGone", "90 00", {"TWN4 CCID 01", "TWN4 CCID 02"}, "TWN4 CCID 01"},
-                      ReconnectCase{"NothingListed", "90 00", {}, "Reader A"},
-                      ReconnectCase{"SwitchRefused", "6A 81", {}, "Reader A"}),
-    [](const auto& info) { return std::string(info.param.name); });
+TEST_F(Session, InReaderModeSwitchesToTheSimpleProtocolAndConnectsAgain) {
+    struct Case {
+        const char* switchAnswer;
+        std::vector<std::string> listed;
+        std::string chosen;
+    };
+    const Case cases[] = {
+        {"90 00", {"TWN4 SAM", "Reader A"}, "Reader A"},              // the configured reader is listed
+        {"90 00", {"TWN4 CCID 01", "TWN4 CCID 02"}, "TWN4 CCID 01"},  // it is gone
+        {"90 00", {}, "Reader A"},
+        {"6A 81", {}, "Reader A"},  // the reader refused the switch
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.chosen);
+        Fresh();
+        fake->WillGetAttrib(0, kReaderModeAtr);
+        fake->Expect(kSetSimpleProtocol).Reply(c.switchAnswer);
+        fake->WillListReaders(0, c.listed);
+        fake->WillConnect(0);
+        fake->WillConnect(0, 0x2002);
+        ASSERT_EQ(encoder->OpenEncoder(), sceSuccess);
+        EXPECT_THAT(Trail(*fake), ElementsAre(kEstablish, kConnectA, kAtrAttrib,
+                                              std::string("Transmit card=0x2001 protocol=2 ") + kSetSimpleProtocol,
+                                              kDisconnect, "ListReaders context=0x1001", ConnectTo(c.chosen),
+                                              "GetAttrib card=0x2002 attribute=0x90303"));
+        EXPECT_EQ(encoder->ATRString(), kMifare1KAtr);
+        EXPECT_EQ(Of(encoder->LastError()), Cleared("OpenEncoder"));
+        EXPECT_THAT(SessionLines(),
+                    ElementsAre("Disconnecting card", "Enumarating slots",
+                                std::to_string(c.listed.size()) + " slots found, using \"" + c.chosen + "\"",
+                                "Connection successful", "New ATR is " + kMifare1KAtr));
+    }
+}
 
-TEST_F(Session, AFailedReconnectionClosesTheEncoder) {
+TEST_F(Session, AFailedReconnectionClosesTheEncoderAndOnlyTheExactAtrMeansReaderMode) {
     fake->WillGetAttrib(0, kReaderModeAtr);
     fake->Expect(kSetSimpleProtocol).Reply("90 00");
     fake->WillConnect(0);
@@ -448,26 +380,13 @@ TEST_F(Session, AFailedReconnectionClosesTheEncoder) {
     EXPECT_THAT(SessionLines(),
                 ElementsAre("Disconnecting card", "Enumarating slots", "1 slots found, using \"Virtual PCD 00 00\"",
                             "Error 0x8010000C: " + Text(kNoSmartcard)));
-}
 
-TEST_F(Session, TheReaderModeAtrOnlyTriggersOnAnExactMatch) {
     // The same bytes with one more historical byte are an ordinary card.
+    Fresh();
     fake->WillGetAttrib(0, std::string(kReaderModeAtr) + " 00");
     ASSERT_EQ(encoder->OpenEncoder(), sceSuccess);
-    EXPECT_THAT(Trail(*fake), ElementsAre(kEstablish, ConnectTo("Reader A"), kAtrAttrib));
+    EXPECT_THAT(Trail(*fake), ElementsAre(kEstablish, kConnectA, kAtrAttrib));
     EXPECT_THAT(SessionLines(), IsEmpty());
-}
-
-// ---- GetResponseText ---------------------------------------------------------------------------
-
-TEST_F(Session, ResponseTextsAreForwardedWithTheCommandNameAndLeaveTheRecord) {
-    std::string uid;
-    ASSERT_EQ(encoder->ReadSerialNumber(uid), sceError);
-    const Record failure = Of(encoder->LastError());
-    EXPECT_EQ(encoder->GetResponseText("6982", "SCardTransmit:ReadBinary"),
-              "[Checking error]  Command not allowed, security status not satisfied");
-    EXPECT_EQ(encoder->GetResponseText("6982", "MifareAuthenticate:LoadKey"), "[Error]  Card key not supported");
-    EXPECT_EQ(Of(encoder->LastError()), failure);
 }
 
 }  // namespace

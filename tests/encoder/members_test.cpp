@@ -1,13 +1,17 @@
-// The Parameters text, the GetInformation text and the reader version shown
-// by ReaderType.
+// The one edge of every public member (what it does to the record on entry,
+// and what an exception from below becomes), the Parameters text, the
+// GetInformation text and the reader version shown by ReaderType.
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <optional>
 #include <regex>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "command/error_record.h"
 #include "elatectwn4/encoder.h"
 #include "elatectwn4/version.h"
 #include "encoder/encoder_impl.h"
@@ -17,6 +21,52 @@
 
 namespace elatectwn4::test {
 namespace {
+
+const CError kBefore{7, "before", 9, "Previous", "SCardTransmit:ReadBinary", "6982"};
+
+TEST(Guard, AppliesItsRuleAndNeverThrows) {
+    enum class Work { Succeeds, RaisesRuntimeError, RaisesOther };
+    const std::tuple<RecordRule, Work, Record> cases[] = {
+        {RecordRule::Clear, Work::Succeeds, Cleared("Member")},
+        {RecordRule::Keep, Work::Succeeds, Of(kBefore)},
+        {RecordRule::Untouched, Work::RaisesOther, Of(kBefore)},
+        {RecordRule::Clear, Work::RaisesRuntimeError, Failure(6, "Overflow", "Member")},
+        {RecordRule::Keep, Work::RaisesOther, Failure(5, "Unexpected error: index 9", "Member")},
+    };
+    for (const auto& [rule, work, after] : cases) {
+        Encoder::Impl impl(std::make_shared<ScriptedPcsc>());
+        impl.error = kBefore;
+        const auto run = [work] {
+            if (work == Work::RaisesRuntimeError) throw command::RuntimeError(6, "Overflow", "ignored");
+            if (work == Work::RaisesOther) throw std::out_of_range("index 9");
+            return sceSuccess;
+        };
+        EXPECT_EQ(impl.Guard("Member", run, rule), work == Work::Succeeds ? sceSuccess : sceError);
+        EXPECT_EQ(Of(impl.error), after);
+        // A member with a text result answers "" when cut short.
+        EXPECT_EQ(impl.Guard(
+                      "Text", []() -> std::string { throw std::bad_alloc(); }, rule),
+                  "");
+    }
+}
+
+// A driver that throws where it should answer a code.
+class ThrowingPcsc : public ScriptedPcsc {
+public:
+    std::uint32_t Status(PcscHandle, PcscStatus&) override { throw std::bad_alloc(); }
+};
+
+TEST(EncoderEdge, AnExceptionFromBelowBecomesTheRecordOfTheMember) {
+    RegistryDir registry;
+    Encoder encoder(std::make_shared<ThrowingPcsc>());
+    ASSERT_EQ(encoder.OpenEncoder(), sceSuccess);
+    std::string uid = "kept";
+    EXPECT_EQ(encoder.ReadSerialNumber(uid), sceError);
+    EXPECT_EQ(Of(encoder.LastError()), Failure(7, "Out of memory", "ReadSerialNumber"));
+    EXPECT_EQ(uid, "kept");
+    EXPECT_EQ(encoder.EncoderState(), sceReady);  // an open encoder whose probe was cut short
+    EXPECT_EQ(Of(encoder.LastError()), Cleared("EncoderState"));
+}
 
 const std::string kCapabilities = "Encoding capabilities=Mifare Classic, Mifare Ultralight, Mifare DESFire\r\nDevice=";
 
@@ -62,19 +112,16 @@ TEST(ParametersText, YieldsTheEntriesByTheParsingRules) {
     }
 }
 
-TEST(ParametersText, AnEntryLeftOutKeepsItsValue) {
+TEST(ParametersText, AnEntryLeftOutKeepsItsValueAndTheTextShowsTheReader) {
     Encoder::Impl impl(std::make_shared<ScriptedPcsc>());
     EXPECT_FALSE(impl.CardConformance());
     impl.ApplyParameters("Conformance=card;Device=A");
     impl.ApplyParameters("Device=B");
     EXPECT_TRUE(impl.CardConformance());
-    EXPECT_EQ(impl.deviceName, "B");
     impl.ApplyParameters("Conformance=none");
     EXPECT_FALSE(impl.CardConformance());
     EXPECT_EQ(impl.deviceName, "B");
-}
 
-TEST(ParametersProperty, ShowsTheReaderAndClearsTheRecord) {
     RegistryDir registry;
     Encoder encoder(std::make_shared<ScriptedPcsc>());
     EXPECT_EQ(encoder.Parameters(), kCapabilities + "<unknown>");
@@ -84,53 +131,35 @@ TEST(ParametersProperty, ShowsTheReaderAndClearsTheRecord) {
     EXPECT_EQ(Of(encoder.LastError()), Cleared("Parameters"));
 }
 
-TEST(Information, TheExampleOfVersionAndDrawReadsAsDocumented) {
-    EXPECT_EQ(InformationText(1, 2, 3, 4711),
-              "Pellucid|Elatec TWN4|1.2.3|1|4711|Mifare Classic, Mifare Ultralight, Mifare DESFire");
-    EXPECT_EQ(InformationText(10, 0, 27, 0),
-              "Pellucid|Elatec TWN4|10.0.27|1|0|Mifare Classic, Mifare Ultralight, Mifare DESFire");
-}
-
-TEST(Information, CarriesTheBuildVersionAndAFreshInstanceNumber) {
+TEST(Information, ShowsTheVersionAndAFreshInstanceNumberPerEncoder) {
+    EXPECT_EQ(InformationText(10, 0, 27, 4711),
+              "Pellucid|Elatec TWN4|10.0.27|1|4711|Mifare Classic, Mifare Ultralight, Mifare DESFire");
     RegistryDir registry;
-    Encoder encoder(std::make_shared<ScriptedPcsc>());
+    Encoder first(std::make_shared<ScriptedPcsc>());
+    Encoder second(std::make_shared<ScriptedPcsc>());
     const std::string version = std::to_string(ELATECTWN4_VERSION_MAJOR) + "\\." +
                                 std::to_string(ELATECTWN4_VERSION_MINOR) + "\\." +
                                 std::to_string(ELATECTWN4_VERSION_PATCH);
     const std::regex shape("Pellucid\\|Elatec TWN4\\|" + version +
                            "\\|1\\|(0|[1-9][0-9]{0,4})\\|Mifare Classic, Mifare Ultralight, Mifare DESFire");
     std::set<std::string> numbers;
-    for (int i = 0; i < 20; ++i) {
-        encoder.LastError().Number = 5;
-        const std::string text = encoder.GetInformation();
-        std::smatch match;
-        ASSERT_TRUE(std::regex_match(text, match, shape)) << text;
-        numbers.insert(match[1]);
-        EXPECT_EQ(Of(encoder.LastError()), Cleared("GetInformation"));
-    }
-    // 20 draws from 100000 values all equal would mean the draw is not fresh.
-    EXPECT_GT(numbers.size(), 1u);
-}
-
-TEST(Information, TwoEncodersDoNotDrawTheSameSequence) {
-    RegistryDir registry;
-    Encoder first(std::make_shared<ScriptedPcsc>());
-    Encoder second(std::make_shared<ScriptedPcsc>());
     std::vector<std::string> a, b;
-    for (int i = 0; i < 5; ++i) {
+    for (int i = 0; i < 10; ++i) {
+        first.LastError().Number = 5;
         a.push_back(first.GetInformation());
+        EXPECT_EQ(Of(first.LastError()), Cleared("GetInformation"));
         b.push_back(second.GetInformation());
+        std::smatch match;
+        ASSERT_TRUE(std::regex_match(a.back(), match, shape)) << a.back();
+        numbers.insert(match[1]);
     }
+    // Ten draws from 100000 values all equal would mean the draw is not fresh.
+    EXPECT_GT(numbers.size(), 1u);
     EXPECT_NE(a, b);
 }
 
-struct VersionCase {
-    std::vector<std::uint8_t> bytes;
-    const char* text;
-};
-
 TEST(ReaderVersion, IsShownAsFourDottedPartsMostSignificantFirst) {
-    const VersionCase cases[] = {
+    const std::pair<std::vector<std::uint8_t>, const char*> cases[] = {
         {{0x04, 0x03, 0x02, 0x01}, "1.2.3.4"},
         {{0x00, 0x00, 0x00, 0x00}, "0.0.0.0"},
         {{0xFF, 0xFE, 0xFD, 0xFC}, "252.253.254.255"},
@@ -139,20 +168,9 @@ TEST(ReaderVersion, IsShownAsFourDottedPartsMostSignificantFirst) {
         {{0x04, 0x03, 0x02, 0x01, 0x99}, "1.2.3.4"},  // bytes beyond a DWORD are not part of it
         {{}, ""},
     };
-    for (const auto& c : cases)
-        EXPECT_EQ(VersionText(c.bytes), c.text) << Hex(c.bytes);
+    for (const auto& [bytes, text] : cases)
+        EXPECT_EQ(VersionText(bytes), text) << Hex(bytes);
 }
 
-TEST(ErrorNumbers, ReadBackNegativeThroughTheSignedRecord) {
-    RegistryDir registry;
-    auto fake = std::make_shared<ScriptedPcsc>();
-    fake->WillEstablishContext(0x8010001E);
-    Encoder encoder(fake);
-    ASSERT_EQ(encoder.OpenEncoder(), sceError);
-    // 0x90010F02 - 2^32 and 0x8010001E - 2^32.
-    EXPECT_EQ(encoder.LastError().Number, -1878978814);
-    EXPECT_EQ(encoder.LastError().LastDllError, -2146435042);
-    EXPECT_EQ(encoder.LastError().RdrRetCode, "The Smart card resource manager has shut down.");
-}
 }  // namespace
 }  // namespace elatectwn4::test
