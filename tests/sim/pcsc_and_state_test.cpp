@@ -90,6 +90,7 @@ TEST(SimulatedPcsc, ExclusiveShareExcludesEveryOtherConnectionUntilItEnds) {
         Pcsc p;
         PcscHandle other = 0, a = 0, b = 0;
         ASSERT_EQ(p.pcsc.EstablishContext(ScopeSystem, other), pcsc_code::Success);
+        EXPECT_NE(other, p.context);
         ASSERT_EQ(p.Connect(a, first), "0x00000000");
         EXPECT_EQ(p.Connect(b, second, other), Code(result));
         EXPECT_EQ(p.pcsc.Disconnect(a, LeaveCard), pcsc_code::Success);
@@ -230,35 +231,28 @@ TEST(CardState, SavedContentsComeBackInAnotherCard) {
 
 TEST(CardState, MalformedDocumentsAreRefusedAndLeaveTheCardAsItWas) {
     const nlohmann::json good = MakeCard("mifare1k")->Save();
-    const auto with = [&](const nlohmann::json::json_pointer& at, nlohmann::json value) {
-        nlohmann::json doc = good;
-        if (value.is_discarded()) {
-            doc.at(at.parent_pointer()).erase(doc.at(at.parent_pointer()).begin());
-        } else {
-            doc[at] = std::move(value);
-        }
-        return doc;
+    // Each a JSON Patch operation on a good document.
+    const char* const rows[] = {
+        R"({"op": "replace", "path": "", "value": []})",
+        R"({"op": "remove", "path": "/uid"})",
+        R"({"op": "replace", "path": "/kind", "value": "mifare4k"})",
+        R"({"op": "replace", "path": "/kind", "value": 1})",
+        R"({"op": "replace", "path": "/uid", "value": "CF1E2D3"})",
+        R"({"op": "replace", "path": "/uid", "value": "CF1E2D3C00"})",
+        R"({"op": "replace", "path": "/uid", "value": "11223344"})",  // block 0 holds another UID
+        R"({"op": "remove", "path": "/blocks/0"})",
+        R"({"op": "replace", "path": "/blocks/4", "value": "0011"})",
+        R"({"op": "replace", "path": "/blocks/4", "value": "G0000000000000000000000000000000"})",
+        R"({"op": "replace", "path": "/blocks/4", "value": 16})",
     };
-    using P = nlohmann::json::json_pointer;
-    const nlohmann::json gone = nlohmann::json::value_t::discarded;
-    nlohmann::json noUid = good;
-    noUid.erase("uid");
-    const nlohmann::json rows[] = {
-        nlohmann::json::array(),      noUid,
-        with(P("/kind"), "mifare4k"), with(P("/kind"), 1),
-        with(P("/uid"), "CF1E2D3"),   with(P("/uid"), "CF1E2D3C00"),
-        with(P("/uid"), "11223344"),  // block 0 holds another UID
-        with(P("/blocks/0"), gone),   // one block short
-        with(P("/blocks/4"), "0011"), with(P("/blocks/4"), "G0000000000000000000000000000000"),
-        with(P("/blocks/4"), 16),
-    };
-    for (const auto& doc : rows) {
+    for (const char* patch : rows) {
+        const nlohmann::json doc = good.patch(nlohmann::json::array({nlohmann::json::parse(patch)}));
         auto card = MakeCard("mifare1k");
         Reader reader{"test"};
         reader.Insert(card);
         Personalise(reader);
         const nlohmann::json before = card->Save();
-        EXPECT_THROW(card->Load(doc), std::runtime_error) << doc.dump().substr(0, 80);
+        EXPECT_THROW(card->Load(doc), std::runtime_error) << patch;
         EXPECT_EQ(card->Save(), before);
     }
 }
