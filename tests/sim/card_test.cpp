@@ -169,7 +169,7 @@ TEST(TransportState, EachCardShowsItsAtrUidManufacturerBlockAndTransportTrailers
     EXPECT_THROW(MakeCard("desfire", B("11223344")), std::invalid_argument);
 }
 
-TEST(FourK, EveryBlockBelongsToItsSectorAndLargeSectorsGroupFiveBlocks) {
+TEST(FourK, EveryBlockBelongsToTheSectorOfItsTrailer) {
     Reader reader{"test"};
     reader.Insert(MakeCard("mifare4k"));
     for (unsigned block = 0; block < 256; ++block) {
@@ -180,16 +180,6 @@ TEST(FourK, EveryBlockBelongsToItsSectorAndLargeSectorsGroupFiveBlocks) {
         if (trailer + 1 < 256) {
             ASSERT_EQ(Answer(reader, Read(trailer + 1)), "6982") << block;
         }
-    }
-    // Group 0 free, group 1 never, group 2 read only.
-    ASSERT_EQ(Open(reader, 143, 'A', kTransportKey), "9000");
-    ASSERT_EQ(Answer(reader, Write(143, "FFFFFFFFFFFF" + AccessHex({0, 7, 2, 1}) + "69FFFFFFFFFFFF")), "9000");
-    for (unsigned block = 128; block < 143; ++block) {
-        ASSERT_EQ(Open(reader, block, 'A', kTransportKey), "9000");
-        EXPECT_EQ(Sw(Answer(reader, Read(block))), block >= 133 && block <= 137 ? "6982" : "9000") << block;
-        ASSERT_EQ(Open(reader, block, 'A', kTransportKey), "9000");
-        EXPECT_EQ(Answer(reader, Write(block, "77777777777777777777777777777777")), block <= 132 ? "9000" : "6982")
-            << block;
     }
 }
 
