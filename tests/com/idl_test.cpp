@@ -55,7 +55,7 @@ TEST(TypeLibraryIdl, DeclaresEveryRowOnceInItsInterface) {
     EXPECT_EQ(Count(idl, "        HRESULT "), rows);
 }
 
-TEST(TypeLibraryIdl, ListsEveryEnumeratorWithItsValue) {
+TEST(TypeLibraryIdl, ListsEveryEnumeratorAndSpellsTheTypesOfTheParameters) {
     const std::string idl = TypeLibraryIdl();
     for (const auto& e : Enumerations()) {
         EXPECT_EQ(Count(idl, "typedef enum " + std::string(e.name) + "\n"), 1u) << e.name;
@@ -63,22 +63,13 @@ TEST(TypeLibraryIdl, ListsEveryEnumeratorWithItsValue) {
             EXPECT_EQ(Count(idl, " " + std::string(member.name) + " = " + std::to_string(member.value)), 1u)
                 << member.name;
     }
-}
-
-TEST(TypeLibraryIdl, TypesFollowTheParameters) {
-    const std::string idl = TypeLibraryIdl();
-    const struct {
-        const char* declaration;
-    } cases[] = {
-        {"HRESULT ReadDataBloc([in] long BlocNumber, [in] BSTR Key, [in] unsigned char KeyType, [in, out] BSTR* "
-         "BlocContents, [out, retval] sceReturnCode* Result);"},
-        {"HRESULT OpenEncoder([in, defaultvalue(0)] long Handle, [out, retval] sceReturnCode* Result);"},
-        {"[in] SCSS_SecurityLevelEnum Conditions, [in, optional] VARIANT BX, [out, retval] sceReturnCode* Result);"},
-        {"HRESULT LastError([out, retval] _CError** Result);"},
-        {"HRESULT Number([in] long Value);"},
-    };
-    for (const auto& c : cases)
-        EXPECT_NE(idl.find(c.declaration), std::string::npos) << c.declaration;
+    for (const char* declaration :
+         {"HRESULT ReadDataBloc([in] long BlocNumber, [in] BSTR Key, [in] unsigned char KeyType, [in, out] BSTR* "
+          "BlocContents, [out, retval] sceReturnCode* Result);",
+          "HRESULT OpenEncoder([in, defaultvalue(0)] long Handle, [out, retval] sceReturnCode* Result);",
+          "[in] SCSS_SecurityLevelEnum Conditions, [in, optional] VARIANT BX, [out, retval] sceReturnCode* Result);",
+          "HRESULT LastError([out, retval] _CError** Result);", "HRESULT Number([in] long Value);"})
+        EXPECT_NE(idl.find(declaration), std::string::npos) << declaration;
 }
 
 }  // namespace

@@ -6,16 +6,14 @@
 // one that fails leaves a full record; and nothing is written to the card
 // from an answer that was not well formed.
 //
-// Input: member, flags, four argument bytes, then answers, each a length byte
-// (255: a 16-bit little-endian length follows) and that many bytes. When the
-// answers run out, the card is gone.
+// Input: member, flags, four argument bytes, then answers, each a chunk of
+// the input. When the answers run out, the card is gone.
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <functional>
 #include <iterator>
 #include <memory>
-#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -29,51 +27,23 @@
 #include "desfire/values.h"
 #include "elatectwn4/encoder.h"
 #include "elatectwn4/pcsc.h"
+#include "fuzz_support.h"
 
 namespace {
 
 using namespace elatectwn4;
+using elatectwn4::fuzz::Check;
+using elatectwn4::fuzz::Input;
 using Bytes = std::vector<std::uint8_t>;
 
-void Check(bool condition) {
-    if (!condition) std::abort();
-}
-
-// ---- The input ------------------------------------------------------------------
-
-class Input {
-public:
-    Input(const std::uint8_t* data, std::size_t size) : data_(data, size) {}
-
-    std::uint8_t Byte() { return at_ < data_.size() ? data_[at_++] : 0; }
-
-    std::optional<Bytes> Answer() {
-        if (at_ >= data_.size()) return std::nullopt;
-        std::size_t length = Byte();
-        if (length == 255) length = Byte() | std::size_t{Byte()} << 8;
-        length = std::min(length, data_.size() - at_);
-        Bytes answer(data_.begin() + static_cast<std::ptrdiff_t>(at_),
-                     data_.begin() + static_cast<std::ptrdiff_t>(at_ + length));
-        at_ += length;
-        return answer;
-    }
-
-private:
-    std::span<const std::uint8_t> data_;
-    std::size_t at_ = 0;
-};
-
-// ---- The boundary: a reader with one card that answers from the input -------------
-
 struct Exchange {
-    Bytes sent;
-    Bytes answer;
+    Bytes sent, answer;
 };
 
+// A reader with one card, a MIFARE Classic 1K by its ATR, that answers from the input.
 class FakePcsc : public PcscApi {
 public:
     explicit FakePcsc(Input& input) : input_(input) {}
-
     std::vector<Exchange> log;
 
     std::uint32_t EstablishContext(std::uint32_t, PcscHandle& context) override {
@@ -103,19 +73,15 @@ public:
     }
     std::uint32_t Transmit(PcscHandle, std::uint32_t, std::span<const std::uint8_t> command,
                            std::span<std::uint8_t> answer, std::size_t& received) override {
-        std::optional<Bytes> next = input_.Answer();
-        if (!next || next->size() > answer.size()) {
-            received = 0;
-            return pcsc_code::RemovedCard;
-        }
-        std::copy(next->begin(), next->end(), answer.begin());
-        received = next->size();
+        auto next = input_.Chunk();
+        received = 0;
+        if (!next || next->size() > answer.size()) return pcsc_code::RemovedCard;
+        received = std::copy(next->begin(), next->end(), answer.begin()) - answer.begin();
         log.push_back({Bytes(command.begin(), command.end()), std::move(*next)});
         return pcsc_code::Success;
     }
 
 private:
-    // A MIFARE Classic 1K through the reader's storage-card interface.
     const Bytes kAtr{0x3B, 0x8F, 0x80, 0x01, 0x80, 0x4F, 0x0C, 0xA0, 0x00, 0x00,
                      0x03, 0x06, 0x03, 0x00, 0x01, 0x00, 0x00, 0x00, 0x00, 0x6A};
     Input& input_;
@@ -123,8 +89,8 @@ private:
 
 // ---- What a well-formed answer is -----------------------------------------------
 
-bool IsIsoCommand(const Bytes& sent) {
-    return !sent.empty() && (sent[0] == 0xFF || sent[0] == 0x90);
+bool Starts(const Bytes& sent, std::uint8_t cla, int ins = -1) {
+    return sent.size() >= 2 && sent[0] == cla && (ins < 0 || sent[1] == ins);
 }
 
 // The statuses the command layer lets through when it follows no further
@@ -141,11 +107,11 @@ bool IsoSuccess(const Bytes& answer) {
 bool EveryAnswerHasAStatus(const std::vector<Exchange>& log) {
     const auto change = [&](std::size_t i) { return !log[i].sent.empty() && log[i].sent[0] == 0x5F; };
     std::size_t from = 0;
-    for (std::size_t i = 1; i < log.size() && !log.empty() && change(0); ++i) {
+    for (std::size_t i = 1; i < log.size() && change(0); ++i)
         if (change(i)) from = i;
-    }
     for (std::size_t i = from; i < log.size(); ++i) {
-        if (log[i].answer.size() < (IsIsoCommand(log[i].sent) ? 2u : 1u)) return false;
+        const bool iso = !log[i].sent.empty() && (log[i].sent[0] == 0xFF || log[i].sent[0] == 0x90);
+        if (log[i].answer.size() < (iso ? 2u : 1u)) return false;
     }
     return true;
 }
@@ -160,15 +126,15 @@ bool AccessBitsConsistent(const std::uint8_t* block) {
 // their copies; what it writes then agrees as well.
 void CheckMifareWrites(const std::vector<Exchange>& log, bool trailer) {
     for (std::size_t i = 0; i < log.size(); ++i) {
-        const Bytes& sent = log[i].sent;
-        if (sent.size() < 5 || sent[0] != 0xFF || sent[1] != 0xD6) continue;
+        if (log[i].sent.size() < 5 || !Starts(log[i].sent, 0xFF, 0xD6)) continue;
         for (std::size_t j = 0; j < i; ++j) {
-            const Exchange& read = log[j];
-            if (read.sent.size() < 2 || read.sent[0] != 0xFF || read.sent[1] != 0xB0) continue;
-            Check(read.answer.size() == 18 && IsoSuccess(read.answer));
-            if (trailer) Check(AccessBitsConsistent(read.answer.data()));
+            if (!Starts(log[j].sent, 0xFF, 0xB0)) continue;
+            Check(log[j].answer.size() == 18 && IsoSuccess(log[j].answer), "a write follows whole blocks read");
+            if (trailer) Check(AccessBitsConsistent(log[j].answer.data()), "a trailer write follows sound access bits");
         }
-        if (trailer) Check(sent.size() == 21 && AccessBitsConsistent(sent.data() + 5));
+        if (trailer)
+            Check(log[i].sent.size() == 21 && AccessBitsConsistent(log[i].sent.data() + 5),
+                  "a trailer written has sound access bits");
     }
 }
 
@@ -183,9 +149,7 @@ bool IsSettingsRecord(const Bytes& record) {
 // A DESFire command that changes a file, sent after the file's settings were
 // read, follows a well-formed settings record (its frames gathered).
 void CheckDesfireWrites(const std::vector<Exchange>& log) {
-    bool read = false;      // the settings were asked for
-    bool complete = false;  // and the card ended its answer with "00"
-    bool gathering = false;
+    bool read = false, complete = false, gathering = false;
     Bytes settings;
     for (const Exchange& e : log) {
         if (e.sent.empty()) continue;
@@ -199,18 +163,9 @@ void CheckDesfireWrites(const std::vector<Exchange>& log) {
             continue;
         }
         gathering = false;
-        switch (e.sent[0]) {
-            case 0x3D:
-            case 0x3B:
-            case 0xDC:
-            case 0x0C:
-            case 0x1C:
-            case 0x5F:
-                if (read) Check(complete && IsSettingsRecord(settings));
-                break;
-            default:
-                break;
-        }
+        constexpr std::uint8_t kChanges[] = {0x3D, 0x3B, 0xDC, 0x0C, 0x1C, 0x5F};
+        if (read && std::find(std::begin(kChanges), std::end(kChanges), e.sent[0]) != std::end(kChanges))
+            Check(complete && IsSettingsRecord(settings), "a file changes only after whole settings");
     }
 }
 
@@ -229,14 +184,20 @@ bool IsHex(std::string_view text, char separator = '\0') {
 }
 
 bool IsOneOf(std::int32_t value, std::initializer_list<std::int32_t> allowed) {
-    for (const std::int32_t a : allowed) {
-        if (value == a) return true;
-    }
-    return false;
+    return std::find(allowed.begin(), allowed.end(), value) != allowed.end();
 }
 
-void CheckRecord(const CError& record) {
-    Check(record.Number != 0 && !record.Description.empty() && !record.ComFunction.empty());
+// The run's verdict: on success the answers were well formed and the
+// out-arguments meet `contract`, on failure the record is whole.
+void Judge(sceReturnCode result, const std::vector<Exchange>& log, const CError& record,
+           const std::function<void()>& contract) {
+    if (result == sceSuccess) {
+        Check(EveryAnswerHasAStatus(log), "success took only answers with a status");
+        contract();
+    } else {
+        Check(record.Number != 0 && !record.Description.empty() && !record.ComFunction.empty(),
+              "a failure leaves a full record");
+    }
 }
 
 // ---- The members ----------------------------------------------------------------
@@ -257,54 +218,46 @@ void RunEncoderMember(unsigned member, const Args& args, Input& input) {
     auto pcsc = std::make_shared<FakePcsc>(input);
     Encoder encoder(pcsc);
     encoder.Parameters(std::string("Device=Fuzz;Conformance=") + (args.conformance() ? "card" : "none"));
-    Check(encoder.OpenEncoder() == sceSuccess);
+    Check(encoder.OpenEncoder() == sceSuccess, "the encoder opens");
 
     sceReturnCode result = sceError;
     std::function<void()> contract = [] {};
-    bool trailerWrite = false;
+    std::string text;
     switch (member) {
-        case 0: {
-            std::string serial = "unchanged";
-            result = encoder.ReadSerialNumber(serial);
-            contract = [serial] {
-                Check(IsOneOf(static_cast<std::int32_t>(serial.size()), {8, 14, 20}) && IsHex(serial));
+        case 0:
+            result = encoder.ReadSerialNumber(text = "unchanged");
+            contract = [&] {
+                Check(IsOneOf(static_cast<std::int32_t>(text.size()), {8, 14, 20}) && IsHex(text), "a serial number");
             };
             break;
-        }
-        case 1: {
-            std::string block;
-            result = encoder.ReadDataBloc(args.a, kKey, args.b, block);
-            contract = [block] { Check(block.size() == 32 && IsHex(block)); };
+        case 1:
+            result = encoder.ReadDataBloc(args.a, kKey, args.b, text);
+            contract = [&] { Check(text.size() == 32 && IsHex(text), "a block"); };
             break;
-        }
         case 2: {
             std::int32_t serial = 0;
             std::uint8_t check = 0;
-            std::string info;
-            result = encoder.ReadManufacturerCode(kKey, args.b, serial, check, info);
-            contract = [info] { Check(info.size() == 22 && IsHex(info)); };
+            result = encoder.ReadManufacturerCode(kKey, args.b, serial, check, text);
+            contract = [&] { Check(text.size() == 22 && IsHex(text), "manufacturer data"); };
             break;
         }
-        case 3: {
-            std::string contents = "A1B2C3D4";
-            result = encoder.WriteBytesInBloc(args.a, kKey, 0, args.b % 17, args.c % 17, contents);
+        case 3:
+            result = encoder.WriteBytesInBloc(args.a, kKey, 0, args.b % 17, args.c % 17, text = "A1B2C3D4");
             break;
-        }
         case 4: {
             std::uint8_t keysUsed = 0, bx = 0;
             std::int32_t s0 = 0, s1 = 0, s2 = 0, conditions = 0;
             result = encoder.ReadSectorTrailer(args.a, kKey, args.b, keysUsed, s0, s1, s2, conditions, bx);
             contract = [=, &pcsc] {
                 for (const std::int32_t s : {s0, s1, s2})
-                    Check(IsOneOf(s, {0, 5, 12, 13, 15}));
-                Check(IsOneOf(keysUsed, {1, 2}) && IsOneOf(conditions, {0, 1, 3, 4, 8, 12}));
+                    Check(IsOneOf(s, {0, 5, 12, 13, 15}), "a block's security");
+                Check(IsOneOf(keysUsed, {1, 2}) && IsOneOf(conditions, {0, 1, 3, 4, 8, 12}), "the trailer's rights");
                 const Exchange& read = pcsc->log.back();
-                Check(read.answer.size() == 18 && AccessBitsConsistent(read.answer.data()));
+                Check(read.answer.size() == 18 && AccessBitsConsistent(read.answer.data()), "a sound trailer read");
             };
             break;
         }
         case 5: {
-            trailerWrite = true;
             const Variant bx = args.d & 0x80 ? Variant{} : Variant{std::int32_t{args.d}};
             result = encoder.WriteSectorTrailer(args.a, kKey, 0, "B0B1B2B3B4B5", "C0C1C2C3C4C5", args.d % 3,
                                                 args.security(args.b), args.security(args.c), -1,
@@ -315,21 +268,16 @@ void RunEncoderMember(unsigned member, const Args& args, Input& input) {
             const unsigned trailer =
                 args.conformance() && sector >= 32 ? 128 + 16 * (sector - 32) + 15 : 4 * sector + 3;
             for (const Exchange& e : pcsc->log) {
-                if (e.sent.size() >= 4 && e.sent[0] == 0xFF && (e.sent[1] == 0xD6 || e.sent[1] == 0xB0))
-                    Check(static_cast<unsigned>(e.sent[2] << 8 | e.sent[3]) == trailer);
+                if (e.sent.size() >= 4 && (Starts(e.sent, 0xFF, 0xD6) || Starts(e.sent, 0xFF, 0xB0)))
+                    Check(static_cast<unsigned>(e.sent[2] << 8 | e.sent[3]) == trailer, "only the trailer");
             }
             break;
         }
         default:
             return;
     }
-    CheckMifareWrites(pcsc->log, trailerWrite);
-    if (result == sceSuccess) {
-        Check(EveryAnswerHasAStatus(pcsc->log));
-        contract();
-    } else {
-        CheckRecord(encoder.LastError());
-    }
+    CheckMifareWrites(pcsc->log, member == 5);
+    Judge(result, pcsc->log, encoder.LastError(), contract);
 }
 
 // DESFire members on a session that is already authenticated (the challenge
@@ -352,112 +300,94 @@ void RunDesfireMember(unsigned member, const Args& args, Input& input) {
     const std::int32_t file = args.a % 16;
     sceReturnCode result = sceError;
     std::function<void()> contract = [] {};
+    std::string text;
+    std::int32_t n1 = -1, n2 = -1;
+    Variant information;
+    const auto byte = [](std::int32_t n) { return n >= 0 && n <= 255; };
     // A run-time error a worker raises becomes the record at the member's
     // edge, as the Encoder's guard does it; any other exception is a fault.
     try {
         switch (member) {
-            case 6: {
+            case 6:
                 result =
                     desfire::DESFireSelectApplication(ctx, "A1B2C3", args.a % 14, "00112233445566778899AABBCCDDEEFF");
                 contract = [&] {
-                    Check(pcsc.log.size() == 3 && pcsc.log[1].answer.size() == 9 && pcsc.log[2].answer.size() == 9);
+                    Check(pcsc.log.size() == 3 && pcsc.log[1].answer.size() == 9 && pcsc.log[2].answer.size() == 9,
+                          "an authentication of three whole steps");
                 };
                 break;
-            }
             case 7: {
                 const std::int32_t requested = args.b % 31 - 3;
-                Variant information;
-                result = desfire::DESFireGetVersion(ctx, requested, information);
-                contract = [requested, information] {
+                result = desfire::DESFireGetVersion(ctx, requested, information = {});
+                contract = [&, requested] {
                     const auto* bytes = std::get_if<std::vector<std::uint8_t>>(&information);
-                    switch (requested) {
-                        case dfvAllData:
-                            Check(bytes && bytes->size() == 28);
-                            break;
-                        case dfvUID:
-                            Check(bytes && bytes->size() == 7);
-                            break;
-                        case dfvBatchNo:
-                            Check(bytes && bytes->size() == 5);
-                            break;
-                        case dfvStorageSize:
-                            Check(std::holds_alternative<std::int32_t>(information));
-                            break;
-                        default:
-                            Check(std::holds_alternative<std::uint8_t>(information));
-                            break;
+                    const std::size_t size = requested == dfvAllData   ? 28
+                                             : requested == dfvUID     ? 7
+                                             : requested == dfvBatchNo ? 5
+                                                                       : 0;
+                    if (size != 0) {
+                        Check(bytes && bytes->size() == size, "version bytes of their length");
+                    } else if (requested == dfvStorageSize) {
+                        Check(std::holds_alternative<std::int32_t>(information), "a storage size");
+                    } else {
+                        Check(std::holds_alternative<std::uint8_t>(information), "a version byte");
                     }
                 };
                 break;
             }
-            case 8: {
-                std::string applications;
-                result = desfire::DESFireGetApplications(ctx, applications);
-                contract = [applications] {
-                    Check(applications.empty() || applications.size() % 7 == 6);
-                    for (std::size_t at = 0; at < applications.size(); at += 7) {
-                        Check(IsHex(std::string_view(applications).substr(at, 6)));
-                        if (at + 6 < applications.size()) Check(applications[at + 6] == ',');
+            case 8:
+                result = desfire::DESFireGetApplications(ctx, text);
+                contract = [&] {
+                    Check(text.empty() || text.size() % 7 == 6, "identifiers of six digits");
+                    for (std::size_t at = 0; at < text.size(); at += 7) {
+                        Check(IsHex(std::string_view(text).substr(at, 6)), "hex identifiers");
+                        Check(at + 6 == text.size() || text[at + 6] == ',', "separated by commas");
                     }
                 };
                 break;
-            }
-            case 9: {
-                std::int32_t settings = -1, count = -1;
-                result = desfire::DESFireGetKeySettings(ctx, settings, count);
-                contract = [=] { Check(settings >= 0 && settings <= 255 && count >= 0 && count <= 255); };
+            case 9:
+                result = desfire::DESFireGetKeySettings(ctx, n1, n2);
+                contract = [&] { Check(byte(n1) && byte(n2), "settings and count are bytes"); };
                 break;
-            }
-            case 10: {
-                std::int32_t version = -1;
-                result = desfire::DESFireGetKeyVersion(ctx, args.b % 14, version);
-                contract = [=] { Check(version >= 0 && version <= 255); };
+            case 10:
+                result = desfire::DESFireGetKeyVersion(ctx, args.b % 14, n1);
+                contract = [&] { Check(byte(n1), "a key version is a byte"); };
                 break;
-            }
-            case 11: {
-                std::string ids;
-                result = desfire::DESFireGetFileIDs(ctx, ids);
-                contract = [ids] {
+            case 11:
+                result = desfire::DESFireGetFileIDs(ctx, text);
+                contract = [&] {
                     int last = -1;
-                    std::size_t at = 0;
-                    while (at < ids.size()) {
-                        const std::size_t end = std::min(ids.find(',', at), ids.size());
-                        const int id = std::stoi(ids.substr(at, end - at));
-                        Check(id > last && id <= 31);
+                    for (std::size_t at = 0; at < text.size();) {
+                        const std::size_t end = std::min(text.find(',', at), text.size());
+                        const int id = std::stoi(text.substr(at, end - at));
+                        Check(id > last && id <= 31, "file numbers ascend up to 31");
                         last = id;
                         at = end + 1;
                     }
                 };
                 break;
-            }
-            case 12: {
-                std::string information;
-                result = desfire::DESFireGetFileSettings(ctx, file, information);
-                contract = [information] {
-                    const std::size_t bytes = (information.size() + 1) / 3;
-                    Check(IsHex(information, ' ') && bytes >= 4);
+            case 12:
+                result = desfire::DESFireGetFileSettings(ctx, file, text);
+                contract = [&] {
+                    Check(IsHex(text, ' ') && (text.size() + 1) / 3 >= 4, "settings of 4 bytes or more");
                 };
                 break;
-            }
             case 13:
             case 14: {
-                std::string data;
                 const std::int32_t length = args.b;
                 const bool records = member == 14;
-                result = records ? desfire::DESFireReadRecords(ctx, file, args.c, length, data, args.hex())
-                                 : desfire::DESFireReadData(ctx, file, args.c, length, data, args.hex());
-                contract = [=] {
-                    if (args.hex()) Check(IsHex(data));
-                    const std::size_t bytes = args.hex() ? data.size() / 2 : data.size();
-                    if (!records && length != 0) Check(bytes == static_cast<std::size_t>(length));
+                result = records ? desfire::DESFireReadRecords(ctx, file, args.c, length, text, args.hex())
+                                 : desfire::DESFireReadData(ctx, file, args.c, length, text, args.hex());
+                contract = [&, length, records] {
+                    if (args.hex()) Check(IsHex(text), "hex data");
+                    const std::size_t bytes = args.hex() ? text.size() / 2 : text.size();
+                    if (!records && length != 0) Check(bytes == static_cast<std::size_t>(length), "data as asked");
                 };
                 break;
             }
-            case 15: {
-                std::int32_t value = 0;
-                result = desfire::DESFireGetValue(ctx, args.a % 8, value);
+            case 15:
+                result = desfire::DESFireGetValue(ctx, args.a % 8, n1);
                 break;
-            }
             case 16:
                 result = desfire::DESFireWriteData(ctx, file, args.c, args.b, "0102030405060708", true);
                 break;
@@ -472,20 +402,12 @@ void RunDesfireMember(unsigned member, const Args& args, Input& input) {
                 return;
         }
     } catch (const command::RuntimeError&) {
-        // The run-time errors of the component (an overflow, a raised failure).
         command::RecordRuntimeError(record, "DESFire member");
         result = sceError;
     }
     CheckDesfireWrites(pcsc.log);
-    if (result == sceSuccess) {
-        Check(EveryAnswerHasAStatus(pcsc.log));
-        contract();
-    } else {
-        CheckRecord(record);
-    }
+    Judge(result, pcsc.log, record, contract);
 }
-
-constexpr unsigned kMembers = 19;
 
 }  // namespace
 
@@ -495,16 +417,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         char dir[] = "/tmp/card_answers_registry.XXXXXX";
         return ::mkdtemp(dir) != nullptr && ::setenv("ELATECTWN4_REGISTRY_DIR", dir, 1) == 0;
     }();
-    Check(registry);
+    Check(registry, "a registry directory");
 
     Input input(data, size);
-    const unsigned member = input.Byte() % kMembers;
-    Args args{};
-    args.flags = input.Byte();
-    args.a = input.Byte();
-    args.b = input.Byte();
-    args.c = input.Byte();
-    args.d = input.Byte();
+    const unsigned member = input.Byte() % 19;
+    const std::uint8_t flags = input.Byte(), a = input.Byte(), b = input.Byte(), c = input.Byte(), d = input.Byte();
+    const Args args{flags, a, b, c, d};
     if (member <= 5) {
         RunEncoderMember(member, args, input);
     } else {

@@ -2,12 +2,15 @@
 // libFuzzer keeps, and a reader that takes values off the input.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace elatectwn4::fuzz {
 
@@ -41,15 +44,25 @@ public:
             n = n << 8 | Byte();
         return n;
     }
-    /// A text of up to `longest` bytes, its length taken from the input.
-    std::string Text(std::size_t longest = 64) {
-        // The length byte is taken first: as arguments of one call, the two
-        // could be evaluated in either order.
-        const std::size_t wanted = Byte() % (longest + 1);
-        const std::size_t n = std::min(wanted, rest_.size());
+    /// Up to `n` bytes, fewer where the input ends.
+    std::string Take(std::size_t n) {
         std::string text(rest_.substr(0, n));
-        rest_.remove_prefix(n);
+        rest_.remove_prefix(text.size());
         return text;
+    }
+    /// A text of up to `longest` bytes, its length taken from the input.
+    std::string Text(std::size_t longest = 64) { return Take(Byte() % (longest + 1)); }
+    /// A length byte (255: a 16-bit little-endian length follows) and that
+    /// many bytes; nothing once the input is used up.
+    std::optional<std::vector<std::uint8_t>> Chunk() {
+        if (rest_.empty()) return std::nullopt;
+        std::size_t length = Byte();
+        if (length == 255) {
+            length = Byte();  // low byte first: the two reads are sequenced
+            length |= std::size_t{Byte()} << 8;
+        }
+        const std::string bytes = Take(length);
+        return std::vector<std::uint8_t>(bytes.begin(), bytes.end());
     }
 
 private:
