@@ -78,11 +78,11 @@ TEST(Twn4, EachCommandLineGivesItsOutputAndExitStatus) {
          {"ReadDataBloc: sceError", "Number       = 0x90010F04", "Description  = Encoder command failed",
           "[Warning]  State of non-volatile memory changed"}},
         {"--simulate mifare1k --script -",
-         "# a comment\r\necho Writing block 4\r\n"
+         "# a comment\r\nReadSerialNumber\r\necho Writing block 4\r\n"
          "WriteDataBloc 4 FFFFFFFFFFFF 0 \"00 11 22 33 44 55 66 77 88 99 AA BB CC DD EE FF\"\n\n"
          "ReadDataBloc 4 FFFFFFFFFFFF 0\n",
          0,
-         {"Writing block 4\n", "BlocContents = 00112233445566778899AABBCCDDEEFF", "!a comment"}},
+         {"\nWriting block 4\n", "BlocContents = 00112233445566778899AABBCCDDEEFF", "!a comment"}},
         {"--simulate mifare1k" + Example("personalise-mifare1k"), "", 0, {"Security0 = 13", "!sceError"}},
         {"--simulate desfire" + Example("desfire-applications"),
          "",

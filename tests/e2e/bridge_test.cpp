@@ -37,8 +37,8 @@ TEST(VpcdMessage, ResetAndLookAlikesOfPowerMessagesReachTheRightPart) {
     for (const auto& [message, call] : rows) {
         RecordingSlot slot;
         const auto reply = AnswerVpcd(slot, message);
-        EXPECT_EQ(slot.calls, call) << e2e::Hex(message);
-        EXPECT_EQ(reply, call == "reset" ? std::nullopt : std::optional(message)) << e2e::Hex(message);
+        EXPECT_EQ(slot.calls, call) << testing::PrintToString(message);
+        EXPECT_EQ(reply, call == "reset" ? std::nullopt : std::optional(message)) << testing::PrintToString(message);
     }
     EXPECT_THROW(EncodeFrame(Bytes(0x10000)), std::length_error);
 }

@@ -69,9 +69,6 @@ struct ToolRun {
 /// Runs `program` with `args` and waits for it.
 ToolRun RunTool(const std::string& program, const std::vector<std::string>& args);
 
-/// The lines of a text, without their line ends; no empty last line.
-std::vector<std::string> Lines(const std::string& text);
-
 /// A fresh directory under the system's temporary directory, removed with
 /// everything in it when the object goes.
 class TempDir {
