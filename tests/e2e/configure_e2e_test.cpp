@@ -21,19 +21,17 @@ std::string Say(Text text) {
     return std::string(configure::Of(text, false));
 }
 
-TEST(ConfigureThroughPcscd, ListsTheVpcdReadersAndFollowsTheBridgesCard) {
-    const e2e::E2eSetup setup;
-    ASSERT_TRUE(setup.Complete()) << "run this program through run_e2e.sh, which starts pcscd and the bridges";
-    ASSERT_TRUE(e2e::WaitForCard(setup.mifareReader, true)) << "no card in " << setup.mifareReader;
+class ConfigureThroughPcscd : public e2e::ServedCards {};
+
+TEST_F(ConfigureThroughPcscd, ListsTheVpcdReadersAndFollowsTheBridgesCard) {
     struct PutBack {
         std::string socket;
         ~PutBack() { e2e::Control(socket, "insert"); }
-    } putBack{setup.mifareControl};
-
+    } putBack{setup_.mifareControl};
     RegistryDir registry;
     registry.WriteCardTypes("\"Classic\"=\"11;3B 8F 80 01 80 4F 0C A0 00 00 03 06 03 00 01;4\"\r\n");
     Encoder encoder;
-    encoder.Parameters("Device=" + setup.mifareReader);
+    encoder.Parameters("Device=" + setup_.mifareReader);
     ASSERT_EQ(encoder.OpenEncoder(), sceSuccess);
     const std::string atr = encoder.ATRString();
     ASSERT_EQ(encoder.CloseEncoder(), sceSuccess);
@@ -46,25 +44,21 @@ TEST(ConfigureThroughPcscd, ListsTheVpcdReadersAndFollowsTheBridgesCard) {
     RunningDialog running(desktop, [&] { return encoder.Configure("english"); });
 
     const Window configure = screen.Await(Say(Text::ConfigureTitle));
-    EXPECT_TRUE(configure.Selected(setup.mifareReader));
-    EXPECT_NE(configure.Find("row", setup.desfireReader), nullptr);
-    EXPECT_TRUE(Screenshot(configure, std::filesystem::path(SCREENSHOT_DIR) / "configure-pcscd.png"));
+    EXPECT_TRUE(configure.Selected(setup_.mifareReader));
+    EXPECT_NE(configure.Find("row", setup_.desfireReader), nullptr);
     Click(configure, "button", Say(Text::Test));
-
     const auto showing = [&](const char* name, const std::string& value) {
         return screen.Await(Say(Text::TestTitle), [&](const Window& w) { return w.Value(name) == value; });
     };
-    Window test = showing("serial", setup.mifareUid);
+    Window test = showing("serial", setup_.mifareUid);
     EXPECT_EQ(test.Value("atr"), atr);
     EXPECT_EQ(test.Value("cardtype"), "MIFARE Classic 1K (17)");
-    EXPECT_TRUE(Screenshot(test, std::filesystem::path(SCREENSHOT_DIR) / "test-pcscd.png"));
 
-    ASSERT_EQ(e2e::Control(setup.mifareControl, "remove"), "ok");
+    ASSERT_EQ(e2e::Control(setup_.mifareControl, "remove"), "ok");
     test = showing("state", Say(Text::NoCard));
     EXPECT_EQ(test.Value("message"), "No card in encoder: No Smart Card is currently in the device.");
-    ASSERT_EQ(e2e::Control(setup.mifareControl, "insert"), "ok");
-    test = showing("serial", setup.mifareUid);
-
+    ASSERT_EQ(e2e::Control(setup_.mifareControl, "insert"), "ok");
+    test = showing("serial", setup_.mifareUid);
     Press(test, "Escape");
     EXPECT_TRUE(screen.AwaitGone(Say(Text::TestTitle)));
     Press(configure, "Escape");

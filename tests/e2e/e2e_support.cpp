@@ -21,20 +21,12 @@ std::string Env(const char* name) {
     return value ? value : "";
 }
 
-std::string Hex(const Bytes& bytes) {
+std::string Hex(const Bytes& bytes, const std::string& separator) {
     std::ostringstream out;
-    for (const auto b : bytes)
-        out << std::uppercase << std::hex << std::setw(2) << std::setfill('0') << int{b};
+    for (std::size_t i = 0; i < bytes.size(); ++i)
+        out << (i > 0 ? separator : "") << std::uppercase << std::hex << std::setw(2) << std::setfill('0')
+            << int{bytes[i]};
     return out.str();
-}
-
-std::string SpacedHex(const Bytes& bytes) {
-    std::string text;
-    for (const auto b : bytes) {
-        if (!text.empty()) text += ' ';
-        text += Hex({b});
-    }
-    return text;
 }
 
 Bytes FromHex(const std::string& text) {
@@ -103,16 +95,6 @@ ToolRun RunTool(const std::string& program, const std::vector<std::string>& args
     const int status = ::pclose(pipe);
     if (status != -1 && WIFEXITED(status)) run.exitStatus = WEXITSTATUS(status);
     return run;
-}
-
-std::vector<std::string> Lines(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) {
-        if (!line.empty() && line.back() == '\r') line.pop_back();
-        lines.push_back(line);
-    }
-    return lines;
 }
 
 TempDir::TempDir(const std::string& prefix) {

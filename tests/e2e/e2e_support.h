@@ -19,12 +19,10 @@ using Bytes = std::vector<std::uint8_t>;
 /// The variable's value, "" when unset.
 std::string Env(const char* name);
 
-/// Upper-case hex digits without separators.
-std::string Hex(const Bytes& bytes);
+/// Upper-case hex digits, `separator` between bytes.
+std::string Hex(const Bytes& bytes, const std::string& separator = "");
 /// Bytes of contiguous hex digits (an odd last digit is dropped).
 Bytes FromHex(const std::string& text);
-/// "3B 8F 80": upper-case hex bytes separated by single blanks.
-std::string SpacedHex(const Bytes& bytes);
 
 /// What run_e2e.sh tells the programs.
 struct E2eSetup {
@@ -33,13 +31,12 @@ struct E2eSetup {
     std::string desfireUid = Env("E2E_DESFIRE_UID");
     std::string mifareUid = Env("E2E_MIFARE_UID");
     std::string mifareControl = Env("E2E_MIFARE_CONTROL");
-    std::string mifareState = Env("E2E_MIFARE_STATE");
     std::string twn4 = Env("E2E_TWN4");
     int desfirePid = std::atoi(Env("E2E_DESFIRE_PID").c_str());  ///< its bridge: SIGUSR1 removes, SIGUSR2 inserts
 
     bool Complete() const {
         return !desfireReader.empty() && !mifareReader.empty() && !desfireUid.empty() && !mifareUid.empty() &&
-               !mifareControl.empty() && !mifareState.empty() && !twn4.empty() && desfirePid > 0;
+               !mifareControl.empty() && !twn4.empty() && desfirePid > 0;
     }
 };
 
@@ -71,9 +68,6 @@ struct ToolRun {
 
 /// Runs `program` with `args` and waits for it.
 ToolRun RunTool(const std::string& program, const std::vector<std::string>& args);
-
-/// The lines of a text, without their line ends; no empty last line.
-std::vector<std::string> Lines(const std::string& text);
 
 /// A fresh directory under the system's temporary directory, removed with
 /// everything in it when the object goes.

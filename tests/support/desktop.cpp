@@ -12,6 +12,7 @@
 #include <chrono>
 #include <csignal>
 #include <fstream>
+#include <sstream>
 #include <thread>
 
 extern char** environ;
@@ -38,24 +39,9 @@ bool Run(std::vector<std::string> argv) {
     return ::posix_spawnp(&pid, args[0], nullptr, nullptr, args.data(), environ) == 0 && Reap(pid) == 0;
 }
 
-bool Xdotool(const Window& window, std::vector<std::string> steps) {
-    for (std::string& step : steps) {
-        if (step == "%w") step = std::to_string(window.id);
-    }
+bool Xdotool(std::vector<std::string> steps) {
     steps.insert(steps.begin(), "xdotool");
     return Run(std::move(steps));
-}
-
-std::vector<std::string> Fields(const std::string& line) {
-    std::vector<std::string> fields(1);
-    for (char c : line) {
-        if (c == '\t') {
-            fields.emplace_back();
-        } else {
-            fields.back().push_back(c);
-        }
-    }
-    return fields;
 }
 
 // Polls until `done` holds, for a minute at most.
@@ -150,12 +136,15 @@ std::vector<Window> Screen::Read() const {
     std::vector<Window> windows;
     std::ifstream in(dump_);
     for (std::string line; std::getline(in, line);) {
-        const std::vector<std::string> f = Fields(line);
-        if (f[0] == "window" && f.size() == 3) {
+        std::vector<std::string> f;
+        std::istringstream fields(line);
+        for (std::string field; std::getline(fields, field, '\t');)
+            f.push_back(field);
+        if (f.size() == 3 && f[0] == "window") {
             windows.push_back({std::stoul(f[1]), f[2], {}});
         } else if (windows.empty()) {
             continue;
-        } else if (f[0] == "label" && f.size() == 3) {
+        } else if (f.size() == 3 && f[0] == "label") {
             windows.back().widgets.push_back({f[0], f[1], f[2]});
         } else if (f.size() == 7) {  // button or row
             windows.back().widgets.push_back(
@@ -198,16 +187,16 @@ bool Screen::AwaitGone(const std::string& title) const {
 void Click(const Window& window, const std::string& kind, const std::string& text) {
     const Widget* w = window.Find(kind, text);
     ASSERT_NE(w, nullptr) << "no " << kind << " \"" << text << "\" to click on \"" << window.title << "\"";
-    EXPECT_TRUE(Xdotool(window, {"mousemove", "--window", "%w", std::to_string(w->x + w->width / 2),
-                                 std::to_string(w->y + w->height / 2), "click", "1"}));
+    EXPECT_TRUE(Xdotool({"mousemove", "--window", std::to_string(window.id), std::to_string(w->x + w->width / 2),
+                         std::to_string(w->y + w->height / 2), "click", "1"}));
 }
 
 void Press(const Window& window, const std::string& keys) {
-    EXPECT_TRUE(Xdotool(window, {"windowfocus", "--sync", "%w", "key", keys})) << keys;
+    EXPECT_TRUE(Xdotool({"windowfocus", "--sync", std::to_string(window.id), "key", keys})) << keys;
 }
 
 void CloseWindow(const Window& window) {
-    EXPECT_TRUE(Xdotool(window, {"windowclose", "%w"}));
+    EXPECT_TRUE(Xdotool({"windowclose", std::to_string(window.id)}));
 }
 
 bool Screenshot(const Window& window, const std::filesystem::path& file) {

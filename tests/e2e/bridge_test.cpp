@@ -1,0 +1,167 @@
+// The vpcd bridge's parts that need no network: what a message makes the card
+// do, the command line, and the card kept in its state file. Framing and the
+// common messages are the vpcd fuzz target's; its seeds send no reset and no
+// look-alike of a power message.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "e2e_support.h"
+#include "sim/bridge/options.h"
+#include "sim/bridge/reader_slot.h"
+#include "sim/bridge/state_file.h"
+
+namespace elatectwn4::sim::bridge {
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+class RecordingSlot : public CardSlot {
+public:
+    std::string calls;
+    Bytes Atr() override { return {}; }
+    void PowerOff() override { calls += "off"; }
+    void PowerOn() override { calls += "on"; }
+    void Reset() override { calls += "reset"; }
+    Bytes Transmit(std::span<const std::uint8_t> apdu) override {
+        calls += "transmit";
+        return Bytes(apdu.begin(), apdu.end());
+    }
+};
+
+TEST(VpcdMessage, ResetAndLookAlikesOfPowerMessagesReachTheRightPart) {
+    const std::pair<Bytes, std::string> rows[] = {
+        {{0x02}, "reset"}, {{0x03}, "transmit"}, {{0xAF}, "transmit"}, {{0x00, 0x01}, "transmit"}};
+    for (const auto& [message, call] : rows) {
+        RecordingSlot slot;
+        const auto reply = AnswerVpcd(slot, message);
+        EXPECT_EQ(slot.calls, call) << testing::PrintToString(message);
+        EXPECT_EQ(reply, call == "reset" ? std::nullopt : std::optional(message)) << testing::PrintToString(message);
+    }
+    EXPECT_THROW(EncodeFrame(Bytes(0x10000)), std::length_error);
+}
+
+TEST(VcardOptions, ValidLinesAreUnderstoodAndMalformedOnesRefusedWithTheirReason) {
+    const auto parsed = ParseVcardOptions({"--port", "35964", "--card=mifare1k", "--state", "/tmp/card.json", "--uid",
+                                           "04:a1:B2 c3", "--control", "/tmp/ctl", "--removed", "--delay=3"});
+    ASSERT_TRUE(std::holds_alternative<VcardOptions>(parsed)) << std::get<std::string>(parsed);
+    const auto& o = std::get<VcardOptions>(parsed);
+    EXPECT_EQ(std::tie(o.port, o.cardKind, o.statePath, o.controlPath, o.startRemoved, o.listReaders),
+              std::make_tuple(35964, "mifare1k", "/tmp/card.json", "/tmp/ctl", true, false));
+    EXPECT_EQ(o.uid, (Bytes{0x04, 0xA1, 0xB2, 0xC3}));
+    EXPECT_EQ(o.answerDelay, std::chrono::milliseconds(3));
+    const auto listing = ParseVcardOptions({"--list-readers"});
+    EXPECT_TRUE(std::holds_alternative<VcardOptions>(listing) && std::get<VcardOptions>(listing).listReaders);
+
+    const std::pair<std::vector<std::string>, std::string> refused[] = {
+        {{"--card", "desfire"}, "--port is required"},
+        {{"--port", "35963"}, "--card is required"},
+        {{"--port", "0", "--card", "desfire"}, "--port needs a number"},
+        {{"--port", "65536", "--card", "desfire"}, "--port needs a number"},
+        {{"--port", "359x", "--card", "desfire"}, "--port needs a number"},
+        {{"--port", "1", "--card", "ultralight"}, "--card must be"},
+        {{"--port", "1", "--card", "desfire", "--uid", "04A"}, "--uid needs"},
+        {{"--port", "1", "--card", "desfire", "--uid", "04AG"}, "--uid needs"},
+        {{"--port", "1", "--card", "desfire", "--state", ""}, "--state needs"},
+        {{"--port", "1", "--card"}, "--card needs a value"},
+        {{"--port", "1", "--card", "desfire", "--delay", "60001"}, "--delay needs"},
+        {{"--port", "1", "--card", "desfire", "--removed=yes"}, "--removed takes no value"},
+        {{"--port", "1", "--card", "desfire", "--verbose"}, "unknown argument \"--verbose\""},
+    };
+    for (const auto& [arguments, reason] : refused) {
+        const auto result = ParseVcardOptions(arguments);
+        ASSERT_TRUE(std::holds_alternative<std::string>(result)) << testing::PrintToString(arguments);
+        EXPECT_NE(std::get<std::string>(result).find(reason), std::string::npos) << std::get<std::string>(result);
+    }
+}
+
+const Bytes GetUid{0xFF, 0xCA, 0x00, 0x00, 0x00};
+const Bytes LoadTransportKey{0xFF, 0x82, 0x00, 0x01, 0x06, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
+const Bytes AuthenticateBlock4{0xFF, 0x86, 0x00, 0x00, 0x05, 0x01, 0x00, 0x04, 0x60, 0x01};
+const Bytes ReadBlock4{0xFF, 0xB0, 0x00, 0x04, 0x00};
+const Bytes Ok{0x90, 0x00};
+const Bytes Block{0x5A, 0x6B, 0x7C, 0x8D, 0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF, 0xA5, 0xC3, 0x3C, 0x5A};
+
+Bytes operator+(Bytes a, const Bytes& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+class ReaderSlotTest : public testing::Test {
+protected:
+    ino_t StateInode() const {
+        struct stat info {};
+        return ::stat(statePath_.c_str(), &info) == 0 ? info.st_ino : 0;
+    }
+    static Bytes ReadBlock(CardSlot& slot) {
+        slot.Transmit(LoadTransportKey);
+        slot.Transmit(AuthenticateBlock4);
+        return slot.Transmit(ReadBlock4);
+    }
+
+    e2e::TempDir dir_{"vcard-slot"};
+    std::filesystem::path statePath_ = dir_.path() / "card.json";
+};
+
+// Out of the field until it enters; a power cycle ends the authentication;
+// the file is written by every change and no read, and the next run starts
+// from it whatever UID it is given.
+TEST_F(ReaderSlotTest, TheCardLivesInTheFieldAndInItsStateFile) {
+    const Bytes uid{0x04, 0xA1, 0xA2, 0xA3};
+    {
+        ReaderSlot slot(MakeCard("mifare1k", uid), statePath_);
+        EXPECT_EQ(ReadStateFile(statePath_), MakeCard("mifare1k", uid)->Save());
+        EXPECT_EQ(slot.Atr(), Bytes{});
+        EXPECT_EQ(slot.Transmit(GetUid), Bytes{});
+        slot.Enter();
+        EXPECT_EQ(slot.Atr(), MakeCard("mifare1k")->Atr());
+        const ino_t before = StateInode();
+        ASSERT_EQ(ReadBlock(slot), Bytes(16, 0x00) + Ok);
+        EXPECT_EQ(StateInode(), before) << "a read rewrote the state file";
+        for (auto cycle : {&ReaderSlot::PowerOn, &ReaderSlot::Reset}) {
+            (slot.*cycle)();
+            EXPECT_NE(slot.Transmit(ReadBlock4), Bytes(16, 0x00) + Ok) << "read allowed after a power cycle";
+            ASSERT_EQ(slot.Transmit(AuthenticateBlock4), Ok) << "the key slot was lost";
+        }
+        ASSERT_EQ(slot.Transmit(Bytes{0xFF, 0xD6, 0x00, 0x04, 0x10} + Block), Ok);
+        EXPECT_NE(StateInode(), before) << "the write was not stored";
+    }
+    ReaderSlot slot(MakeCard("mifare1k", {0x01, 0x02, 0x03, 0x04}), statePath_);
+    slot.Enter();
+    EXPECT_EQ(slot.Transmit(GetUid), uid + Ok);
+    EXPECT_EQ(ReadBlock(slot), Block + Ok);
+}
+
+TEST_F(ReaderSlotTest, AStateFileThatCannotBeUsedOrWrittenIsSaid) {
+    for (const char* content : {"[1, 2, 3]\n", "{ not json"}) {
+        std::ofstream(statePath_, std::ios::trunc) << content;
+        EXPECT_THROW(ReaderSlot(MakeCard("mifare1k"), statePath_), std::runtime_error) << content;
+    }
+    WriteStateFile(statePath_, MakeCard("mifare4k")->Save());
+    EXPECT_THROW(ReaderSlot(MakeCard("mifare1k"), statePath_), std::runtime_error) << "another kind of card";
+    std::filesystem::remove(statePath_);
+
+    std::vector<std::string> logged;
+    ReaderSlot slot(MakeCard("mifare1k"), statePath_, [&](const std::string& line) { logged.push_back(line); });
+    slot.Enter();
+    // A directory in the file's place makes the save's final rename fail.
+    std::filesystem::remove(statePath_);
+    std::filesystem::create_directory(statePath_);
+    ASSERT_EQ(ReadBlock(slot), Bytes(16, 0x00) + Ok);
+    EXPECT_EQ(slot.Transmit(Bytes{0xFF, 0xD6, 0x00, 0x04, 0x10} + Block), Ok) << "the card answers unsaved";
+    ASSERT_EQ(logged.size(), 1u);
+    EXPECT_TRUE(logged[0].starts_with("card not saved: ")) << logged[0];
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir_.path()), std::filesystem::directory_iterator()), 1)
+        << "a temporary file was left";
+
+    std::filesystem::remove(statePath_);
+    EXPECT_TRUE(slot.Persist()) << "the next change retries";
+    ReaderSlot next(MakeCard("mifare1k"), statePath_);
+    next.Enter();
+    EXPECT_EQ(ReadBlock(next), Block + Ok);
+}
+
+}  // namespace
+}  // namespace elatectwn4::sim::bridge
