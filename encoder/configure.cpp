@@ -2,9 +2,6 @@
 // its own (twn4-configure) so that no host is tied to a toolkit; the card
 // exchanges of its test dialog run here, on the host's thread, through this
 // encoder's own PC/SC boundary.
-#include <cerrno>
-#include <cstdlib>
-#include <cstring>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -20,14 +17,6 @@ namespace elatectwn4 {
 namespace {
 
 constexpr const char* kName = "Configure";
-
-// The build tree and tests name the program in the environment; installed,
-// it sits in the library's libexec folder.
-std::string DialogProgram() {
-    if (const char* program = std::getenv("ELATECTWN4_CONFIGURE_PROGRAM"); program != nullptr && *program != '\0')
-        return program;
-    return ELATECTWN4_CONFIGURE_PROGRAM_PATH;
-}
 
 // The record as one readable sentence: its description and the reader's answer.
 std::string Explain(const CError& record) {
@@ -72,7 +61,7 @@ sceReturnCode Encoder::Configure(const std::string& Language) {
             command::SetError(s.error, {.comFunction = kName});
             return sceError;
         }
-        const std::string program = DialogProgram();
+        const std::string program = dialog::ProgramPath();
         if (const std::string why = dialog::WhyNoDialog(program); !why.empty()) {
             command::Fail(s.error, ErrorNumber::DialogUnavailable, kName, program, why);
             return sceError;

@@ -1,11 +1,11 @@
-// The dialog program as Configure runs it: a child process on the far end of
-// a socket pair, and the conversation of encoder/dialog_protocol.h with it.
+// The dialog program as Configure runs it: a child process whose standard
+// input and output are the component's line to it (a socket pair on POSIX,
+// two pipes on Windows), and the conversation of encoder/dialog_protocol.h.
 #pragma once
-
-#include <sys/types.h>
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -13,16 +13,17 @@
 
 namespace elatectwn4::dialog {
 
-/// A program started with one end of a socket pair as its standard input and
-/// output. Only this object's process is ever signalled or waited for.
+/// A program started with the component's line as its standard input and
+/// output. Only this object's process is ever stopped or waited for.
 class ChildProcess {
 public:
-    /// Starts `program` (a path, no search) with this process's environment,
-    /// default signal handling and no descriptor beyond 0, 1 and 2 of ours.
+    /// Starts `program` (a path, no search) with this process's environment;
+    /// it inherits nothing of ours beyond its standard input and output
+    /// (and on POSIX its standard error, with default signal handling).
     /// Throws std::system_error when it cannot be started.
     explicit ChildProcess(const std::string& program);
-    /// A child not yet waited for loses its input, is asked to stop (SIGTERM)
-    /// and is reaped.
+    /// A child not yet waited for loses its input, is stopped (SIGTERM on
+    /// POSIX, TerminateProcess on Windows) and is waited for.
     ~ChildProcess();
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
@@ -33,18 +34,23 @@ public:
     /// The next line without its "\n"; nullopt once the child's output ended.
     /// A last line without "\n" is still a line.
     std::optional<std::string> Receive();
-    /// Closes the socket and waits for the child to end; how it ended, as a
+    /// Closes the line and waits for the child to end; how it ended, as a
     /// sentence for the error record ("" for a clean exit).
     std::string Wait();
 
 private:
-    int socket_ = -1;
-    pid_t pid_ = -1;
+    struct System;  // the platform's handles, in its own file
+    std::unique_ptr<System> system_;
     std::string pending_;
 };
 
+/// The dialog program Configure starts: ELATECTWN4_CONFIGURE_PROGRAM when
+/// set, else the installed one (POSIX: the library's libexec folder; Windows:
+/// twn4-configure.exe beside the server DLL).
+std::string ProgramPath();
+
 /// Why the dialog cannot be shown before anything is started: the program
-/// missing or not runnable, or no display; "" when it can.
+/// missing or not runnable, or (POSIX) no display; "" when it can.
 std::string WhyNoDialog(const std::string& program);
 
 /// What the component tells the dialog when it opens.

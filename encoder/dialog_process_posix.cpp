@@ -8,10 +8,12 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <system_error>
 #include <utility>
 
 #include "encoder/dialog.h"
+#include "encoder/dialog_protocol.h"
 
 extern char** environ;
 
@@ -59,6 +61,19 @@ bool IsSet(const char* variable) {
 
 }  // namespace
 
+struct ChildProcess::System {
+    int socket = -1;
+    pid_t pid = -1;
+};
+
+// The build tree and tests name the program in the environment; installed,
+// it sits in the library's libexec folder.
+std::string ProgramPath() {
+    if (const char* program = std::getenv("ELATECTWN4_CONFIGURE_PROGRAM"); program != nullptr && *program != '\0')
+        return program;
+    return ELATECTWN4_CONFIGURE_PROGRAM_PATH;
+}
+
 // Why the dialog cannot be shown before anything is started; "" when it can.
 std::string WhyNoDialog(const std::string& program) {
     if (::access(program.c_str(), X_OK) != 0) {
@@ -69,29 +84,30 @@ std::string WhyNoDialog(const std::string& program) {
     return {};
 }
 
-ChildProcess::ChildProcess(const std::string& program) {
+ChildProcess::ChildProcess(const std::string& program) : system_(std::make_unique<System>()) {
     int ends[2];
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) throw SystemError(errno, "socketpair");
     const SpawnSettings settings(ends[1]);
     char* const argv[] = {const_cast<char*>(program.c_str()), nullptr};
-    const int code = ::posix_spawn(&pid_, program.c_str(), &settings.actions, &settings.attributes, argv, environ);
+    const int code =
+        ::posix_spawn(&system_->pid, program.c_str(), &settings.actions, &settings.attributes, argv, environ);
     ::close(ends[1]);
     if (code != 0) {
         ::close(ends[0]);
-        pid_ = -1;
+        system_->pid = -1;
         throw SystemError(code, "posix_spawn");
     }
-    socket_ = ends[0];
+    system_->socket = ends[0];
 }
 
 ChildProcess::~ChildProcess() {
-    if (pid_ > 0) ::kill(pid_, SIGTERM);
+    if (system_->pid > 0) ::kill(system_->pid, SIGTERM);
     Wait();
 }
 
 void ChildProcess::Send(std::string_view text) noexcept {
-    while (socket_ >= 0 && !text.empty()) {
-        const ssize_t sent = ::send(socket_, text.data(), text.size(), MSG_NOSIGNAL);
+    while (system_->socket >= 0 && !text.empty()) {
+        const ssize_t sent = ::send(system_->socket, text.data(), text.size(), MSG_NOSIGNAL);
         if (sent < 0 && errno == EINTR) continue;
         if (sent <= 0) return;
         text.remove_prefix(static_cast<std::size_t>(sent));
@@ -99,33 +115,26 @@ void ChildProcess::Send(std::string_view text) noexcept {
 }
 
 std::optional<std::string> ChildProcess::Receive() {
-    for (;;) {
-        if (const std::size_t end = pending_.find('\n'); end != std::string::npos) {
-            std::string line = pending_.substr(0, end);
-            pending_.erase(0, end + 1);
-            return line;
+    return NextLine(pending_, [this](char* buffer, std::size_t size) {
+        for (;;) {
+            const ssize_t got = system_->socket < 0 ? 0 : ::recv(system_->socket, buffer, size, 0);
+            if (got >= 0 || errno != EINTR) return got;
         }
-        char chunk[512];
-        const ssize_t got = socket_ < 0 ? 0 : ::recv(socket_, chunk, sizeof chunk, 0);
-        if (got < 0 && errno == EINTR) continue;
-        if (got <= 0) {
-            if (pending_.empty()) return std::nullopt;
-            return std::exchange(pending_, {});
-        }
-        pending_.append(chunk, static_cast<std::size_t>(got));
-    }
+    });
 }
 
 std::string ChildProcess::Wait() {
-    if (socket_ >= 0) ::close(socket_);
-    socket_ = -1;
-    if (pid_ <= 0) return {};
+    int& socket = system_->socket;
+    pid_t& pid = system_->pid;
+    if (socket >= 0) ::close(socket);
+    socket = -1;
+    if (pid <= 0) return {};
     int status = 0;
     pid_t reaped;
     do {
-        reaped = ::waitpid(pid_, &status, 0);
+        reaped = ::waitpid(pid, &status, 0);
     } while (reaped < 0 && errno == EINTR);
-    pid_ = -1;
+    pid = -1;
     // A host that ignores SIGCHLD has its children reaped for it: the
     // status is then unknown.
     if (reaped < 0) return "The dialog program ended without an answer";

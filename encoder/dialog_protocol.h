@@ -35,8 +35,10 @@
 #pragma once
 
 #include <initializer_list>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace elatectwn4::dialog {
@@ -85,6 +87,28 @@ inline std::vector<std::string> Fields(std::string_view line) {
         fields.emplace_back(line.substr(start, tab - start));
         if (tab == std::string_view::npos) return fields;
         start = tab + 1;
+    }
+}
+
+/// The next line of a stream that arrives in pieces, without its "\n":
+/// taken from `pending`, which `read(buffer, size)` tops up (it returns how
+/// many bytes it put there, 0 or less at the end of the stream). A last line
+/// without "\n" is still a line; nullopt once nothing is left.
+template <typename Read>
+std::optional<std::string> NextLine(std::string& pending, Read read) {
+    for (;;) {
+        if (const std::size_t end = pending.find('\n'); end != std::string::npos) {
+            std::string line = pending.substr(0, end);
+            pending.erase(0, end + 1);
+            return line;
+        }
+        char chunk[512];
+        const auto got = read(chunk, sizeof chunk);
+        if (got <= 0) {
+            if (pending.empty()) return std::nullopt;
+            return std::exchange(pending, {});
+        }
+        pending.append(chunk, static_cast<std::size_t>(got));
     }
 }
 

@@ -3,9 +3,11 @@
 # scripts/build-windows.sh: com_check (type library against the member
 # table, Invoke's refusals), then the test server (over simulated readers)
 # registered with regsvr32 and driven by one VBScript per family through
-# cscript, then unregistered and checked gone. Uses a private WINEPREFIX under
-# build-windows/. Prints one line per step and exits with the number of
-# failed steps.
+# cscript, Configure's window played with xdotool on a private Xvfb (when
+# Xvfb, xdotool and ImageMagick's import are there; screenshots in
+# build-windows/<arch>/screenshots/), then unregistered and checked gone. Uses
+# a private WINEPREFIX under build-windows/. Prints one line per step and
+# exits with the number of failed steps.
 #
 #   scripts/test-windows.sh [ARCH...]     ARCH: i686 x86_64 (default both)
 set -uo pipefail
@@ -19,6 +21,64 @@ if [ ! -f "$WINEPREFIX/system.reg" ]; then
   wineboot -i >/dev/null 2>&1
 fi
 trap 'wineserver -k 2>/dev/null' EXIT
+
+# Configure's window: configure_window.vbs calls Configure twice while
+# play_configure answers each window with keys, as a person would.
+await() {  # await TITLE: the visible window of that title, within a minute
+  local id
+  for _ in $(seq 600); do
+    id=$(xdotool search --onlyvisible --name "^$1\$" 2>/dev/null | head -n 1)
+    [ -n "$id" ] && echo "$id" && return 0
+    sleep 0.1
+  done
+  echo "no window \"$1\"" >&2
+  return 1
+}
+await_gone() {
+  for _ in $(seq 600); do
+    xdotool search --onlyvisible --name "^$1\$" >/dev/null 2>&1 || return 0
+    sleep 0.1
+  done
+  echo "window \"$1\" still open" >&2
+  return 1
+}
+play_configure() {  # play_configure SCREENSHOT_DIR
+  local id
+  id=$(await "Encoder configuration") && import -window "$id" "$1/configure.png" &&
+    xdotool key alt+t && id=$(await "Encoder test") &&
+    sleep 2 && import -window "$id" "$1/test.png" && # a probe or two came back by now
+    xdotool key Escape && await_gone "Encoder test" && xdotool key Escape &&
+    await "Configuration de l'encodeur" >/dev/null && xdotool key Down Return
+}
+configure_window() {
+  local shots=$out/$arch/screenshots xvfb display script=$out/scripts/configure_window.vbs status
+  mkdir -p "$shots" "$out/scripts"
+  cat "$root/tests/wine/check.vbs" "$root/tests/wine/configure_window.vbs" >"$script"
+  rm -f "$out/xvfb.display"
+  Xvfb -displayfd 5 -screen 0 1024x768x24 -nolisten tcp 5>"$out/xvfb.display" 2>/dev/null &
+  xvfb=$!
+  for _ in $(seq 100); do
+    [ -s "$out/xvfb.display" ] && break
+    sleep 0.1
+  done
+  display=:$(head -n 1 "$out/xvfb.display")
+  # Wine's desktop process must start on this display, not on none.
+  wineserver -k 2>/dev/null
+  DISPLAY=$display ELATECTWN4_CONFIGURE_PROGRAM=$(winepath -w "$out/$arch/configure/twn4-configure.exe") \
+    wine_in cscript.exe //nologo "$(winepath -w "$script")" >"$out/scripts/configure_window.out" 2>&1 &
+  local host=$!
+  DISPLAY=$display play_configure "$shots"
+  status=$?
+  # A window left open would keep Configure waiting: ending this prefix's
+  # Wine processes ends it.
+  [ $status -eq 0 ] || wineserver -k 2>/dev/null
+  wait $host
+  wineserver -k 2>/dev/null
+  kill "$xvfb"
+  wait "$xvfb" 2>/dev/null
+  grep -v "^configure_window: " "$out/scripts/configure_window.out" >&2
+  [ $status -eq 0 ] && grep -qE "^configure_window: [0-9]+ checks, 0 failed" "$out/scripts/configure_window.out"
+}
 
 failed=0
 step() {  # step NAME COMMAND...: runs, reports, counts
@@ -71,9 +131,17 @@ for arch in "${archs[@]}"; do
     printf '%s\n' "$output" | grep -v "^$1: " >&2
     printf '%s\n' "$output" | grep -qE "^$1: [0-9]+ checks, 0 failed" && [ "$status" -eq 0 ]
   }
-  for script in identity mifare desfire errors args; do
+  # configure.vbs finds fake_dialog.exe here, and the test server's folder is where
+  # Configure looks for its dialog program when the environment names none.
+  export TEST_DIR="$(winepath -w "$dir")\\"
+  for script in identity mifare desfire errors args configure; do
     step "$arch $script.vbs" family "$script"
   done
+  if command -v Xvfb >/dev/null && command -v xdotool >/dev/null && command -v import >/dev/null; then
+    step "$arch configure_window.vbs" configure_window
+  else
+    echo "skipped $arch configure_window.vbs (needs Xvfb, xdotool and import)"
+  fi
   recorded() { wine_in reg.exe query "$card_types" /reg:32 2>/dev/null | grep -q "Unknown ("; }
   step "$arch unknown ATR recorded" recorded
   step "$arch regsvr32 /u" wine_in regsvr32.exe /u /s "$dll"

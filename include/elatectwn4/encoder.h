@@ -98,7 +98,8 @@ public:
     ///                installed, no display, it ended without an answer)
     /// The window is the program twn4-configure, started as a child process:
     /// ELATECTWN4_CONFIGURE_PROGRAM names it, else the installed one in
-    /// <libexecdir>/elatectwn4/. It needs DISPLAY or WAYLAND_DISPLAY. Every
+    /// <libexecdir>/elatectwn4/ (on Windows twn4-configure.exe beside the
+    /// DLL). It needs DISPLAY or WAYLAND_DISPLAY (not on Windows). Every
     /// card exchange runs here, through this encoder's PC/SC boundary.
     sceReturnCode Configure(const std::string& Language = {});
 

@@ -1,5 +1,6 @@
 // twn4-configure: the configuration dialog and the test dialog of
-// Encoder::Configure, as a GTK program that the component starts as a child.
+// Encoder::Configure, as a GTK program that the component starts as a child
+// (configure/main_win32.cpp is the same program on Windows).
 // It holds no card logic: it speaks the line protocol of
 // encoder/dialog_protocol.h on its standard input and output, shows what the
 // component sends, and answers with the person's choice.
@@ -26,8 +27,7 @@
 #include <string_view>
 #include <vector>
 
-#include "configure/labels.h"
-#include "encoder/dialog_protocol.h"
+#include "configure/conversation.h"
 
 namespace elatectwn4::configure {
 namespace {
@@ -36,14 +36,8 @@ constexpr int kResponseTest = 1;
 
 // The value labels of the test dialog, by widget name (the dump shows them).
 constexpr const char* kValueNames[] = {"reader", "state", "atr", "cardtype", "serial", "message"};
-enum Value { kReaderValue, kStateValue, kAtrValue, kCardTypeValue, kSerialValue, kMessageValue, kValueCount };
 
-struct App {
-    bool french = false;
-    std::vector<std::string> readers;
-    std::string notice;
-    std::string current;
-
+struct App : Setup {
     GIOChannel* input = nullptr;
     const char* dumpPath = nullptr;
     bool finished = false;
@@ -167,26 +161,12 @@ gboolean OnTick(gpointer data) {
     return G_SOURCE_REMOVE;
 }
 
-std::string CardTypeText(const App& app, const std::string& number) {
-    const std::int32_t type = std::atoi(number.c_str());
-    for (const CardTypeName& known : kCardTypeNames) {
-        if (known.number == type) return std::string(known.name) + " (" + number + ")";
-    }
-    return std::string(T(app, Text::UnknownCardType)) + " (" + number + ")";
-}
-
 void ShowProbe(App& app, const std::vector<std::string>& fields) {
     app.asking = false;
     if (app.test == nullptr) return;  // the answer to a test dialog already closed
-    const auto field = [&](std::size_t i) { return i < fields.size() ? fields[i] : std::string(); };
-    const std::string state = field(1);
-    const bool ready = state == dialog::kReady;
-    const Text stateText = ready ? Text::Ready : state == dialog::kNoCard ? Text::NoCard : Text::Unavailable;
-    gtk_label_set_text(GTK_LABEL(app.values[kStateValue]), T(app, stateText));
-    gtk_label_set_text(GTK_LABEL(app.values[kAtrValue]), field(2).c_str());
-    gtk_label_set_text(GTK_LABEL(app.values[kCardTypeValue]), ready ? CardTypeText(app, field(3)).c_str() : "");
-    gtk_label_set_text(GTK_LABEL(app.values[kSerialValue]), field(4).c_str());
-    gtk_label_set_text(GTK_LABEL(app.values[kMessageValue]), field(5).c_str());
+    const std::vector<std::string> texts = ProbeTexts(app.french, fields);
+    for (int row = kStateValue; row < kValueCount; ++row)
+        gtk_label_set_text(GTK_LABEL(app.values[row]), texts[row].c_str());
     app.timer = g_timeout_add_seconds(1, OnTick, &app);
 }
 
@@ -213,9 +193,8 @@ void OpenTest(App& app, const std::string& reader) {
     gtk_grid_set_row_spacing(GTK_GRID(grid), 6);
     gtk_grid_set_column_spacing(GTK_GRID(grid), 12);
     gtk_container_set_border_width(GTK_CONTAINER(grid), 12);
-    constexpr Text keys[] = {Text::Reader, Text::State, Text::Atr, Text::CardType, Text::SerialNumber, Text::Message};
     for (int row = 0; row < kValueCount; ++row) {
-        GtkWidget* key = gtk_label_new(T(app, keys[row]));
+        GtkWidget* key = gtk_label_new(T(app, kValueKeys[row]));
         gtk_widget_set_halign(key, GTK_ALIGN_END);
         gtk_widget_set_valign(key, GTK_ALIGN_START);
         GtkWidget* value = gtk_label_new("");
@@ -301,9 +280,7 @@ void OpenConfigure(App& app) {
     gtk_container_add(GTK_CONTAINER(scrolled), app.list);
     gtk_box_pack_start(GTK_BOX(content), scrolled, TRUE, TRUE, 0);
     if (app.readers.empty()) {
-        const std::string why =
-            app.notice.empty() ? T(app, Text::NoReader) : std::string(T(app, Text::NoReader)) + "\n" + app.notice;
-        GtkWidget* none = gtk_label_new(why.c_str());
+        GtkWidget* none = gtk_label_new(NoReaderText(app).c_str());
         gtk_widget_set_name(none, "notice");
         gtk_label_set_xalign(GTK_LABEL(none), 0);
         gtk_box_pack_start(GTK_BOX(content), none, FALSE, FALSE, 0);
@@ -336,21 +313,9 @@ bool ReadSetup(App& app) {
         gchar* raw = nullptr;
         const GIOStatus status = g_io_channel_read_line(app.input, &raw, nullptr, nullptr, nullptr);
         if (status != G_IO_STATUS_NORMAL) return false;
-        const std::vector<std::string> fields = dialog::Fields(raw);
+        const bool shown = TakeSetupLine(app, raw);
         g_free(raw);
-        const std::string& word = fields.front();
-        const std::string argument = fields.size() > 1 ? fields[1] : std::string();
-        if (word == dialog::kLanguage) {
-            app.french = argument == dialog::kFrench;
-        } else if (word == dialog::kReader) {
-            app.readers.push_back(argument);
-        } else if (word == dialog::kNotice) {
-            app.notice = argument;
-        } else if (word == dialog::kCurrent) {
-            app.current = argument;
-        } else if (word == dialog::kShow) {
-            return true;
-        }
+        if (shown) return true;
     }
 }
 
