@@ -5,6 +5,7 @@
 #   build-windows/dist/i686/ElatecTWN4.dll      the server a Windows user registers
 #   build-windows/dist/x86_64/ElatecTWN4.dll    (regsvr32 ElatecTWN4.dll)
 #   build-windows/dist/ElatecTWN4.tlb, .idl     the type library (also inside each DLL)
+#   build-windows/dist/ElatecTWN4.h             its interfaces for C/C++ hosts that bind early
 #
 # and, for the tests under Wine, ElatecTWN4Sim.dll (the same server over
 # simulated readers) and com_check.exe in build-windows/<arch>/tests/wine/.
@@ -33,6 +34,6 @@ for arch in "${archs[@]}"; do
   cmake --build "$out/$arch" -j"$jobs" --target ElatecTWN4 ElatecTWN4Sim com_check
   mkdir -p "$out/dist/$arch"
   "$arch-w64-mingw32-strip" -o "$out/dist/$arch/ElatecTWN4.dll" "$out/$arch/com/win/ElatecTWN4.dll"
-  cp "$out/$arch/com/win/ElatecTWN4.tlb" "$out/$arch/com/win/ElatecTWN4.idl" "$out/dist/"
+  cp "$out/$arch/com/win/ElatecTWN4.tlb" "$out/$arch/com/win/ElatecTWN4.idl" "$out/$arch/com/win/ElatecTWN4.h" "$out/dist/"
 done
 echo "Windows build: $(cd "$out/dist" && find . -type f | sort | tr '\n' ' ')"

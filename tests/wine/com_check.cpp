@@ -1,24 +1,30 @@
 // Checks of the COM server that a script cannot see: that the type library
 // embedded in the DLL lists exactly the member table's rows (names, ids,
-// kinds, parameters, directions, optional ones, types), and the HRESULT and
-// argument position IDispatch::Invoke gives for calls that cannot be made.
+// kinds, parameters, directions, optional ones, types, vtable slots), the
+// HRESULT and argument position IDispatch::Invoke gives for calls that
+// cannot be made, and that the dual interfaces' vtables, called as an
+// early-bound C++ host calls them (through the header widl writes from the
+// same IDL), give what IDispatch gives.
 // Loads the DLL itself (no registration needed). Usage: com_check DLL
-// [READER]; with the reader of a simulated DESFire card (the test build of
-// the server), also what a byte array comes back as, which scripts under
-// Wine cannot read.
+// [DESFIRE-READER MIFARE-READER]; with the readers of the test build's
+// simulated cards, also what a byte array comes back as, which scripts
+// under Wine cannot read, and early-bound calls that reach a card.
 // Prints one line per failure and a final count; exits with that count.
 // clang-format off
 #include <windows.h>
 #include <oleauto.h>
 // clang-format on
 
+#include <algorithm>
 #include <cstdio>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "ElatecTWN4.h"
 #include "com/typelib.h"
 #include "com/win/guid.h"
+#include "com/win/variant_convert.h"
 
 using namespace elatectwn4;
 using namespace elatectwn4::com;
@@ -41,26 +47,6 @@ std::string Narrow(const wchar_t* text) {
     return out;
 }
 
-VARTYPE TypeOf(ValueType type) {
-    switch (type) {
-        case ValueType::String:
-            return VT_BSTR;
-        case ValueType::Long:
-            return VT_I4;
-        case ValueType::Byte:
-            return VT_UI1;
-        case ValueType::Boolean:
-            return VT_BOOL;
-        case ValueType::Variant:
-            return VT_VARIANT;
-        case ValueType::Object:
-            return VT_PTR;
-        case ValueType::Void:
-            break;
-    }
-    return VT_VOID;
-}
-
 const char* KindName(MemberKind kind) {
     return kind == MemberKind::Method ? "method" : kind == MemberKind::PropertyGet ? "get" : "put";
 }
@@ -72,7 +58,7 @@ std::string RowLine(const MemberInfo& m) {
     for (const auto& p : m.params) {
         // Enumerations are 32-bit user types; the library shows them as such.
         const bool isEnum = p.type == ValueType::Long && p.typeName != "Long";
-        line += std::string(p.name) + ":" + (isEnum ? "enum" : std::to_string(TypeOf(p.type))) +
+        line += std::string(p.name) + ":" + (isEnum ? "enum" : std::to_string(win::VarTypeOf(p.type))) +
                 (p.inOut ? ":inout" : ":in") + (p.optional ? ":opt" : "") + " ";
     }
     return line + ")";
@@ -113,10 +99,11 @@ void CheckTypeLibrary(const std::wstring& dll) {
     if (library == nullptr) return;
     for (const auto& [name, guid] :
          {std::pair{"_Encoder", win::kEncoderInterfaceGuid}, std::pair{"_CError", win::kErrorInterfaceGuid}}) {
-        std::set<std::string> expected;
+        std::vector<std::string> rows;  // in table order, which is the vtable's
         for (const auto& row : MemberRows()) {
-            if (row.info.interfaceName == name) expected.insert(RowLine(row.info));
+            if (row.info.interfaceName == name) rows.push_back(RowLine(row.info));
         }
+        const std::set<std::string> expected(rows.begin(), rows.end());
         ITypeInfo* dispatch = nullptr;
         ITypeInfo* info = nullptr;
         HREFTYPE vtable = 0;
@@ -132,7 +119,12 @@ void CheckTypeLibrary(const std::wstring& dll) {
         for (WORD i = 0; i < attributes->cFuncs; ++i) {
             FUNCDESC* f = nullptr;
             info->GetFuncDesc(i, &f);
-            found.insert(FunctionLine(info, f));
+            const std::string line = FunctionLine(info, f);
+            found.insert(line);
+            // IDispatch's seven slots come first, then one per row.
+            const auto slot = std::find(rows.begin(), rows.end(), line) - rows.begin() + 7;
+            Expect(f->oVft == static_cast<SHORT>(slot * sizeof(void*)),
+                   std::string(name) + ": vtable slot of " + line + " at byte " + std::to_string(f->oVft));
             info->ReleaseFuncDesc(f);
         }
         info->ReleaseTypeAttr(attributes);
@@ -167,6 +159,43 @@ VARIANT Missing() {
     VariantInit(&v);
     V_VT(&v) = VT_ERROR;
     V_ERROR(&v) = DISP_E_PARAMNOTFOUND;
+    return v;
+}
+
+// Calls a member through IDispatch::Invoke, arguments in the member's order.
+HRESULT Dispatch(IDispatch* object, const wchar_t* member, WORD flags, std::vector<VARIANT> args, VARIANT* result,
+                 UINT* argumentError = nullptr) {
+    LPOLESTR name = const_cast<LPOLESTR>(member);
+    DISPID id = DISPID_UNKNOWN;
+    object->GetIDsOfNames(IID_NULL, &name, 1, 0, &id);
+    std::reverse(args.begin(), args.end());
+    DISPID put = DISPID_PROPERTYPUT;
+    const bool isPut = flags == DISPATCH_PROPERTYPUT;
+    DISPPARAMS params{args.data(), isPut ? &put : nullptr, static_cast<UINT>(args.size()), isPut ? 1u : 0u};
+    VariantInit(result);
+    return object->Invoke(id, IID_NULL, 0, flags, &params, result, nullptr, argumentError);
+}
+
+// The text of a value, for comparing the two bindings' results.
+std::string Shown(VARIANT value) {
+    VARIANT text;
+    VariantInit(&text);
+    const bool ok = SUCCEEDED(VariantChangeType(&text, &value, 0, VT_BSTR));
+    const std::string out = ok ? Narrow(V_BSTR(&text)) : "(vt " + std::to_string(V_VT(&value)) + ")";
+    VariantClear(&text);
+    return out;
+}
+std::string Shown(BSTR text) {
+    return Narrow(text);
+}
+std::string Shown(LONG value) {
+    return std::to_string(value);
+}
+
+VARIANT Reference(VARIANT* target) {
+    VARIANT v;
+    V_VT(&v) = VT_BYREF | VT_VARIANT;
+    V_VARIANTREF(&v) = target;
     return v;
 }
 
@@ -246,14 +275,9 @@ void CheckInvoke(IDispatch* encoder) {
          ~0u},
     };
     for (const auto& call : calls) {
-        LPOLESTR name = const_cast<LPOLESTR>(call.member);
-        encoder->GetIDsOfNames(IID_NULL, &name, 1, 0, &id);
-        std::vector<VARIANT> reversed(call.args.rbegin(), call.args.rend());
-        DISPPARAMS params{reversed.data(), nullptr, static_cast<UINT>(reversed.size()), 0};
         VARIANT result;
-        VariantInit(&result);
         UINT argumentError = ~0u;
-        const HRESULT hr = encoder->Invoke(id, IID_NULL, 0, call.flags, &params, &result, nullptr, &argumentError);
+        const HRESULT hr = Dispatch(encoder, call.member, call.flags, call.args, &result, &argumentError);
         char text[160];
         std::snprintf(text, sizeof text, "%s: HRESULT %08lX (expected %08lX), argument %u (expected %u)", call.what,
                       static_cast<unsigned long>(hr), static_cast<unsigned long>(call.expected), argumentError,
@@ -271,29 +295,19 @@ void CheckInvoke(IDispatch* encoder) {
 // DESFireGetVersion -2 into a VARIANT passed by reference: the whole
 // version record as a SAFEARRAY of bytes.
 void CheckByteArray(IDispatch* encoder, const wchar_t* reader) {
-    DISPID id = 0;
-    auto dispatch = [&](const wchar_t* member, WORD flags, std::vector<VARIANT> args, DISPID* named = nullptr) {
-        LPOLESTR name = const_cast<LPOLESTR>(member);
-        encoder->GetIDsOfNames(IID_NULL, &name, 1, 0, &id);
-        std::vector<VARIANT> reversed(args.rbegin(), args.rend());
-        DISPPARAMS params{reversed.data(), named, static_cast<UINT>(reversed.size()), named != nullptr ? 1u : 0u};
+    auto dispatch = [&](const wchar_t* member, WORD flags, std::vector<VARIANT> args) {
         VARIANT result;
-        VariantInit(&result);
-        const HRESULT hr = encoder->Invoke(id, IID_NULL, 0, flags, &params, &result, nullptr, nullptr);
+        const HRESULT hr = Dispatch(encoder, member, flags, std::move(args), &result);
         const bool ok = SUCCEEDED(hr) && (V_VT(&result) == VT_EMPTY || (V_VT(&result) == VT_I4 && V_I4(&result) == 0));
         Expect(ok, Narrow(member) + " succeeds");
         VariantClear(&result);
     };
-    DISPID put = DISPID_PROPERTYPUT;
-    dispatch(L"Parameters", DISPATCH_PROPERTYPUT, {Text((L"Device=" + std::wstring(reader)).c_str())}, &put);
+    dispatch(L"Parameters", DISPATCH_PROPERTYPUT, {Text((L"Device=" + std::wstring(reader)).c_str())});
     dispatch(L"OpenEncoder", DISPATCH_METHOD, {});
     dispatch(L"DESFireSelectRoot", DISPATCH_METHOD, {Text(L"0000000000000000")});
     VARIANT information;
     VariantInit(&information);
-    VARIANT reference;
-    V_VT(&reference) = VT_BYREF | VT_VARIANT;
-    V_VARIANTREF(&reference) = &information;
-    dispatch(L"DESFireGetVersion", DISPATCH_METHOD, {Long(-2), reference});
+    dispatch(L"DESFireGetVersion", DISPATCH_METHOD, {Long(-2), Reference(&information)});
     std::string hex;
     if (V_VT(&information) == (VT_ARRAY | VT_UI1)) {
         unsigned char* bytes = nullptr;
@@ -310,11 +324,121 @@ void CheckByteArray(IDispatch* encoder, const wchar_t* reader) {
     VariantClear(&information);
 }
 
+// The dual interfaces called through their vtables, as an early-bound host
+// calls them, against IDispatch on the same object: a property put and get,
+// an optional argument left out, in/out arguments of several types, and
+// LastError's record read and written through _CError's vtable. With the
+// reader of a simulated MIFARE card the calls succeed (sector 1 gets a
+// trailer and reads it back); without, they fail and leave their record.
+void CheckEarlyBinding(IClassFactory* factory, const wchar_t* reader) {
+    _Encoder* early = nullptr;
+    Expect(SUCCEEDED(factory->CreateInstance(nullptr, win::kEncoderInterfaceGuid, reinterpret_cast<void**>(&early))),
+           "an Encoder through _Encoder");
+    if (early == nullptr) return;
+    IDispatch* late = nullptr;
+    IUnknown* identity[2] = {};
+    early->QueryInterface(IID_IDispatch, reinterpret_cast<void**>(&late));
+    early->QueryInterface(IID_IUnknown, reinterpret_cast<void**>(&identity[0]));
+    late->QueryInterface(IID_IUnknown, reinterpret_cast<void**>(&identity[1]));
+    Expect(identity[0] != nullptr && identity[0] == identity[1], "_Encoder and IDispatch are one object");
+    VARIANT value;
+    auto same = [&](const std::string& what, const std::string& early, const wchar_t* member, std::vector<VARIANT> args,
+                    const std::string& expected) {
+        Dispatch(late, member, args.empty() ? DISPATCH_PROPERTYGET : DISPATCH_METHOD, args, &value);
+        const std::string viaDispatch = Shown(value);
+        VariantClear(&value);
+        Expect(early == expected && viaDispatch == expected,
+               what + ": vtable " + early + ", IDispatch " + viaDispatch + ", expected " + expected);
+    };
+
+    BSTR device = SysAllocString((L"Device=" + std::wstring(reader ? reader : L"Virtual PCD 00 09")).c_str());
+    BSTR parameters = nullptr;
+    Expect(early->put_Parameters(device) == S_OK && early->get_Parameters(&parameters) == S_OK, "Parameters");
+    Expect(Shown(parameters).ends_with("\r\n" + Narrow(device)), "Parameters after the put: " + Shown(parameters));
+    same("Parameters", Shown(parameters), L"Parameters", {}, Shown(parameters));
+    ::sceReturnCode result = ::sceCanceled;
+    early->OpenEncoder(0, &result);
+    Expect(result == (reader ? ::sceSuccess : ::sceError), "OpenEncoder: " + Shown(result));
+    ::sceEncoderState state{};
+    early->get_EncoderState(&state);
+    same("EncoderState", Shown(state), L"EncoderState", {}, reader ? "3" : "1");
+
+    BSTR keyB = SysAllocString(L"B0B1B2B3B4B5");
+    if (reader != nullptr) {
+        BSTR key = SysAllocString(L"FFFFFFFFFFFF");
+        BSTR keyA = SysAllocString(L"A0A1A2A3A4A5");
+        early->WriteSectorTrailer(1, key, 0, keyA, keyB, 2, ::SCBS_SecurityLevelEnum(13), ::SCBS_SecurityLevelEnum(13),
+                                  ::SCBS_SecurityLevelEnum(13), ::SCSS_SecurityLevelEnum(12), Missing(), &result);
+        Expect(result == ::sceSuccess, "WriteSectorTrailer with BX left out: " + Shown(result));
+        SysFreeString(key);
+        SysFreeString(keyA);
+    }
+    // Every out-argument starts as 99, so that one left unwritten shows.
+    unsigned char keysUsed = 99;
+    unsigned char bx = 99;
+    ::SCBS_SecurityLevelEnum security[3] = {::SCBS_SecurityLevelEnum(99), ::SCBS_SecurityLevelEnum(99),
+                                            ::SCBS_SecurityLevelEnum(99)};
+    ::SCSS_SecurityLevelEnum conditions = ::SCSS_SecurityLevelEnum(99);
+    early->ReadSectorTrailer(1, keyB, 2, &keysUsed, &security[0], &security[1], &security[2], &conditions, &bx,
+                             &result);
+    const std::string viaVtable = Shown(result) + " " + Shown(keysUsed) + " " + Shown(security[0]) + " " +
+                                  Shown(security[1]) + " " + Shown(security[2]) + " " + Shown(conditions) + " " +
+                                  Shown(bx);
+    VARIANT outs[6];
+    for (auto& out : outs)
+        out = Long(99);
+    Dispatch(late, L"ReadSectorTrailer", DISPATCH_METHOD,
+             {Long(1), Text(L"B0B1B2B3B4B5"), Long(2), Reference(&outs[0]), Reference(&outs[1]), Reference(&outs[2]),
+              Reference(&outs[3]), Reference(&outs[4]), Reference(&outs[5])},
+             &value);
+    std::string viaDispatch = Shown(value);
+    for (auto& out : outs)
+        viaDispatch.append(" ").append(Shown(out));
+    Expect(viaVtable == viaDispatch && (reader == nullptr || viaVtable == "0 2 13 13 13 12 105"),
+           "ReadSectorTrailer: vtable " + viaVtable + ", IDispatch " + viaDispatch);
+
+    // A failure (a key of the wrong length) empties the block and fills the record.
+    BSTR block = SysAllocString(L"untouched");
+    BSTR shortKey = SysAllocString(L"FFFF");
+    early->ReadDataBloc(4, shortKey, 0, &block, &result);
+    Expect(result == ::sceError && SysStringLen(block) == 0, "ReadDataBloc with a short key: " + Shown(block));
+    _CError* error = nullptr;
+    LONG number = 0;
+    BSTR function = nullptr;
+    Expect(early->get_LastError(&error) == S_OK && error != nullptr, "LastError through the vtable is a _CError");
+    if (error != nullptr) {
+        IDispatch* record = nullptr;
+        error->QueryInterface(IID_IDispatch, reinterpret_cast<void**>(&record));
+        error->get_Number(&number);
+        error->get_ComFunction(&function);
+        Dispatch(record, L"Number", DISPATCH_PROPERTYGET, {}, &value);
+        Expect(number != 0 && Shown(number) == Shown(value),
+               "Number: vtable " + Shown(number) + ", IDispatch " + Shown(value));
+        VariantClear(&value);
+        Dispatch(record, L"ComFunction", DISPATCH_PROPERTYGET, {}, &value);
+        Expect(Shown(function) == "MifareAuthenticate:LoadKey" && Shown(value) == Shown(function),
+               "ComFunction: vtable " + Shown(function) + ", IDispatch " + Shown(value));
+        VariantClear(&value);
+        error->put_Number(7);
+        Dispatch(record, L"Number", DISPATCH_PROPERTYGET, {}, &value);
+        Expect(Shown(value) == "7", "Number put through the vtable reads " + Shown(value));
+        VariantClear(&value);
+        record->Release();
+        error->Release();
+    }
+    for (BSTR text : {device, parameters, keyB, block, shortKey, function})
+        SysFreeString(text);
+    identity[0]->Release();
+    identity[1]->Release();
+    late->Release();
+    early->Release();
+}
+
 }  // namespace
 
 int wmain(int argc, wchar_t** argv) {
-    if (argc != 2 && argc != 3) {
-        std::printf("usage: com_check DLL [READER]\n");
+    if (argc != 2 && argc != 4) {
+        std::printf("usage: com_check DLL [DESFIRE-READER MIFARE-READER]\n");
         return 2;
     }
     CoInitialize(nullptr);
@@ -341,12 +465,13 @@ int wmain(int argc, wchar_t** argv) {
         if (factory != nullptr) {
             Expect(SUCCEEDED(factory->CreateInstance(nullptr, IID_IDispatch, reinterpret_cast<void**>(&encoder))),
                    "an Encoder through IDispatch");
+            CheckEarlyBinding(factory, argc == 4 ? argv[3] : nullptr);
             factory->Release();
         }
         if (encoder != nullptr) {
             Expect(canUnloadNow() == S_FALSE, "the DLL stays while an Encoder lives");
             CheckInvoke(encoder);
-            if (argc == 3) CheckByteArray(encoder, argv[2]);
+            if (argc == 4) CheckByteArray(encoder, argv[2]);
             encoder->Release();
         }
         Expect(canUnloadNow() == S_OK, "the DLL may unload once every object is gone");
