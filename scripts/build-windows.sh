@@ -29,7 +29,8 @@ cmake -S "$root" -B "$out/host" -DCMAKE_BUILD_TYPE=Release -DELATECTWN4_BUILD_TE
 cmake --build "$out/host" -j"$jobs" --target twn4-idl
 
 for arch in "${archs[@]}"; do
-  cmake -S "$root" -B "$out/$arch" --toolchain "$root/cmake/toolchain-$arch-w64-mingw32.cmake" \
+  cmake -S "$root" -B "$out/$arch" --toolchain "$root/cmake/toolchain-mingw-w64.cmake" \
+    -DELATECTWN4_MINGW_TRIPLE="$arch-w64-mingw32" \
     -DCMAKE_BUILD_TYPE=Release -DELATECTWN4_IDL_TOOL="$out/host/cli/twn4-idl" "${launcher[@]}" >/dev/null
   cmake --build "$out/$arch" -j"$jobs" --target ElatecTWN4 ElatecTWN4Sim com_check
   mkdir -p "$out/dist/$arch"
