@@ -192,6 +192,16 @@ std::string Shown(LONG value) {
     return std::to_string(value);
 }
 
+// What IDispatch gives for a call, as text ("" for none).
+std::string DispatchText(IDispatch* object, const wchar_t* member, std::vector<VARIANT> args = {},
+                         WORD flags = DISPATCH_METHOD | DISPATCH_PROPERTYGET) {
+    VARIANT result;
+    const HRESULT hr = Dispatch(object, member, flags, std::move(args), &result);
+    std::string text = SUCCEEDED(hr) ? Shown(result) : "(failed)";
+    VariantClear(&result);
+    return text;
+}
+
 VARIANT Reference(VARIANT* target) {
     VARIANT v;
     V_VT(&v) = VT_BYREF | VT_VARIANT;
@@ -295,19 +305,16 @@ void CheckInvoke(IDispatch* encoder) {
 // DESFireGetVersion -2 into a VARIANT passed by reference: the whole
 // version record as a SAFEARRAY of bytes.
 void CheckByteArray(IDispatch* encoder, const wchar_t* reader) {
-    auto dispatch = [&](const wchar_t* member, WORD flags, std::vector<VARIANT> args) {
-        VARIANT result;
-        const HRESULT hr = Dispatch(encoder, member, flags, std::move(args), &result);
-        const bool ok = SUCCEEDED(hr) && (V_VT(&result) == VT_EMPTY || (V_VT(&result) == VT_I4 && V_I4(&result) == 0));
-        Expect(ok, Narrow(member) + " succeeds");
-        VariantClear(&result);
-    };
-    dispatch(L"Parameters", DISPATCH_PROPERTYPUT, {Text((L"Device=" + std::wstring(reader)).c_str())});
-    dispatch(L"OpenEncoder", DISPATCH_METHOD, {});
-    dispatch(L"DESFireSelectRoot", DISPATCH_METHOD, {Text(L"0000000000000000")});
+    // One at a time: the operands of + are evaluated in no fixed order.
+    std::string opened =
+        DispatchText(encoder, L"Parameters", {Text((L"Device=" + std::wstring(reader)).c_str())}, DISPATCH_PROPERTYPUT);
+    opened += DispatchText(encoder, L"OpenEncoder");
+    opened += DispatchText(encoder, L"DESFireSelectRoot", {Text(L"0000000000000000")});
+    Expect(opened == "00", "Parameters, OpenEncoder, DESFireSelectRoot: " + opened);
     VARIANT information;
     VariantInit(&information);
-    dispatch(L"DESFireGetVersion", DISPATCH_METHOD, {Long(-2), Reference(&information)});
+    Expect(DispatchText(encoder, L"DESFireGetVersion", {Long(-2), Reference(&information)}) == "0",
+           "DESFireGetVersion");
     std::string hex;
     if (V_VT(&information) == (VT_ARRAY | VT_UI1)) {
         unsigned char* bytes = nullptr;
@@ -325,9 +332,9 @@ void CheckByteArray(IDispatch* encoder, const wchar_t* reader) {
 }
 
 // The dual interfaces called through their vtables, as an early-bound host
-// calls them, against IDispatch on the same object: a property put and get,
-// an optional argument left out, in/out arguments of several types, and
-// LastError's record read and written through _CError's vtable. With the
+// calls them, against IDispatch on the same object: properties, an optional
+// argument left out, in/out arguments of several types, and LastError's
+// record read and written through _CError's vtable. With the
 // reader of a simulated MIFARE card the calls succeed (sector 1 gets a
 // trailer and reads it back); without, they fail and leave their record.
 void CheckEarlyBinding(IClassFactory* factory, const wchar_t* reader) {
@@ -336,100 +343,76 @@ void CheckEarlyBinding(IClassFactory* factory, const wchar_t* reader) {
            "an Encoder through _Encoder");
     if (early == nullptr) return;
     IDispatch* late = nullptr;
-    IUnknown* identity[2] = {};
     early->QueryInterface(IID_IDispatch, reinterpret_cast<void**>(&late));
-    early->QueryInterface(IID_IUnknown, reinterpret_cast<void**>(&identity[0]));
-    late->QueryInterface(IID_IUnknown, reinterpret_cast<void**>(&identity[1]));
-    Expect(identity[0] != nullptr && identity[0] == identity[1], "_Encoder and IDispatch are one object");
-    VARIANT value;
-    auto same = [&](const std::string& what, const std::string& early, const wchar_t* member, std::vector<VARIANT> args,
-                    const std::string& expected) {
-        Dispatch(late, member, args.empty() ? DISPATCH_PROPERTYGET : DISPATCH_METHOD, args, &value);
-        const std::string viaDispatch = Shown(value);
-        VariantClear(&value);
-        Expect(early == expected && viaDispatch == expected,
-               what + ": vtable " + early + ", IDispatch " + viaDispatch + ", expected " + expected);
-    };
-
     BSTR device = SysAllocString((L"Device=" + std::wstring(reader ? reader : L"Virtual PCD 00 09")).c_str());
     BSTR parameters = nullptr;
-    Expect(early->put_Parameters(device) == S_OK && early->get_Parameters(&parameters) == S_OK, "Parameters");
-    Expect(Shown(parameters).ends_with("\r\n" + Narrow(device)), "Parameters after the put: " + Shown(parameters));
-    same("Parameters", Shown(parameters), L"Parameters", {}, Shown(parameters));
+    early->put_Parameters(device);
+    early->get_Parameters(&parameters);
+    Expect(
+        Shown(parameters).ends_with("\r\n" + Narrow(device)) && DispatchText(late, L"Parameters") == Shown(parameters),
+        "Parameters put and got through the vtable: " + Shown(parameters));
     ::sceReturnCode result = ::sceCanceled;
-    early->OpenEncoder(0, &result);
-    Expect(result == (reader ? ::sceSuccess : ::sceError), "OpenEncoder: " + Shown(result));
     ::sceEncoderState state{};
+    early->OpenEncoder(0, &result);
     early->get_EncoderState(&state);
-    same("EncoderState", Shown(state), L"EncoderState", {}, reader ? "3" : "1");
+    Expect(result == (reader ? ::sceSuccess : ::sceError) && Shown(state) == (reader ? "3" : "1") &&
+               DispatchText(late, L"EncoderState") == Shown(state),
+           "OpenEncoder " + Shown(result) + ", EncoderState " + Shown(state));
 
-    BSTR keyB = SysAllocString(L"B0B1B2B3B4B5");
+    BSTR keys[] = {SysAllocString(L"FFFFFFFFFFFF"), SysAllocString(L"A0A1A2A3A4A5"), SysAllocString(L"B0B1B2B3B4B5"),
+                   SysAllocString(L"FFFF")};
     if (reader != nullptr) {
-        BSTR key = SysAllocString(L"FFFFFFFFFFFF");
-        BSTR keyA = SysAllocString(L"A0A1A2A3A4A5");
-        early->WriteSectorTrailer(1, key, 0, keyA, keyB, 2, ::SCBS_SecurityLevelEnum(13), ::SCBS_SecurityLevelEnum(13),
-                                  ::SCBS_SecurityLevelEnum(13), ::SCSS_SecurityLevelEnum(12), Missing(), &result);
+        early->WriteSectorTrailer(1, keys[0], 0, keys[1], keys[2], 2, ::SCBS_SecurityLevelEnum(13),
+                                  ::SCBS_SecurityLevelEnum(13), ::SCBS_SecurityLevelEnum(13),
+                                  ::SCSS_SecurityLevelEnum(12), Missing(), &result);
         Expect(result == ::sceSuccess, "WriteSectorTrailer with BX left out: " + Shown(result));
-        SysFreeString(key);
-        SysFreeString(keyA);
     }
     // Every out-argument starts as 99, so that one left unwritten shows.
     unsigned char keysUsed = 99;
     unsigned char bx = 99;
-    ::SCBS_SecurityLevelEnum security[3] = {::SCBS_SecurityLevelEnum(99), ::SCBS_SecurityLevelEnum(99),
-                                            ::SCBS_SecurityLevelEnum(99)};
+    ::SCBS_SecurityLevelEnum s[3] = {::SCBS_SecurityLevelEnum(99), ::SCBS_SecurityLevelEnum(99),
+                                     ::SCBS_SecurityLevelEnum(99)};
     ::SCSS_SecurityLevelEnum conditions = ::SCSS_SecurityLevelEnum(99);
-    early->ReadSectorTrailer(1, keyB, 2, &keysUsed, &security[0], &security[1], &security[2], &conditions, &bx,
-                             &result);
-    const std::string viaVtable = Shown(result) + " " + Shown(keysUsed) + " " + Shown(security[0]) + " " +
-                                  Shown(security[1]) + " " + Shown(security[2]) + " " + Shown(conditions) + " " +
-                                  Shown(bx);
+    early->ReadSectorTrailer(1, keys[2], 2, &keysUsed, &s[0], &s[1], &s[2], &conditions, &bx, &result);
+    const std::string vtableOuts = Shown(result) + " " + Shown(keysUsed) + " " + Shown(s[0]) + " " + Shown(s[1]) + " " +
+                                   Shown(s[2]) + " " + Shown(conditions) + " " + Shown(bx);
     VARIANT outs[6];
-    for (auto& out : outs)
+    std::vector<VARIANT> args{Long(1), Text(L"B0B1B2B3B4B5"), Long(2)};
+    for (auto& out : outs) {
         out = Long(99);
-    Dispatch(late, L"ReadSectorTrailer", DISPATCH_METHOD,
-             {Long(1), Text(L"B0B1B2B3B4B5"), Long(2), Reference(&outs[0]), Reference(&outs[1]), Reference(&outs[2]),
-              Reference(&outs[3]), Reference(&outs[4]), Reference(&outs[5])},
-             &value);
-    std::string viaDispatch = Shown(value);
+        args.push_back(Reference(&out));
+    }
+    std::string dispatchOuts = DispatchText(late, L"ReadSectorTrailer", args);
     for (auto& out : outs)
-        viaDispatch.append(" ").append(Shown(out));
-    Expect(viaVtable == viaDispatch && (reader == nullptr || viaVtable == "0 2 13 13 13 12 105"),
-           "ReadSectorTrailer: vtable " + viaVtable + ", IDispatch " + viaDispatch);
+        dispatchOuts.append(" ").append(Shown(out));
+    Expect(vtableOuts == dispatchOuts && (reader == nullptr || vtableOuts == "0 2 13 13 13 12 105"),
+           "ReadSectorTrailer: vtable " + vtableOuts + ", IDispatch " + dispatchOuts);
 
     // A failure (a key of the wrong length) empties the block and fills the record.
     BSTR block = SysAllocString(L"untouched");
-    BSTR shortKey = SysAllocString(L"FFFF");
-    early->ReadDataBloc(4, shortKey, 0, &block, &result);
-    Expect(result == ::sceError && SysStringLen(block) == 0, "ReadDataBloc with a short key: " + Shown(block));
+    early->ReadDataBloc(4, keys[3], 0, &block, &result);
     _CError* error = nullptr;
     LONG number = 0;
     BSTR function = nullptr;
-    Expect(early->get_LastError(&error) == S_OK && error != nullptr, "LastError through the vtable is a _CError");
+    early->get_LastError(&error);
+    Expect(result == ::sceError && SysStringLen(block) == 0 && error != nullptr,
+           "ReadDataBloc with a short key, then LastError as a _CError: " + Shown(block));
     if (error != nullptr) {
         IDispatch* record = nullptr;
         error->QueryInterface(IID_IDispatch, reinterpret_cast<void**>(&record));
         error->get_Number(&number);
         error->get_ComFunction(&function);
-        Dispatch(record, L"Number", DISPATCH_PROPERTYGET, {}, &value);
-        Expect(number != 0 && Shown(number) == Shown(value),
-               "Number: vtable " + Shown(number) + ", IDispatch " + Shown(value));
-        VariantClear(&value);
-        Dispatch(record, L"ComFunction", DISPATCH_PROPERTYGET, {}, &value);
-        Expect(Shown(function) == "MifareAuthenticate:LoadKey" && Shown(value) == Shown(function),
-               "ComFunction: vtable " + Shown(function) + ", IDispatch " + Shown(value));
-        VariantClear(&value);
+        Expect(number != 0 && DispatchText(record, L"Number") == Shown(number) &&
+                   Shown(function) == "MifareAuthenticate:LoadKey" &&
+                   DispatchText(record, L"ComFunction") == Shown(function),
+               "LastError through the vtable: " + Shown(number) + " " + Shown(function));
         error->put_Number(7);
-        Dispatch(record, L"Number", DISPATCH_PROPERTYGET, {}, &value);
-        Expect(Shown(value) == "7", "Number put through the vtable reads " + Shown(value));
-        VariantClear(&value);
+        Expect(DispatchText(record, L"Number") == "7", "Number put through the vtable");
         record->Release();
         error->Release();
     }
-    for (BSTR text : {device, parameters, keyB, block, shortKey, function})
+    for (BSTR text : {device, parameters, keys[0], keys[1], keys[2], keys[3], block, function})
         SysFreeString(text);
-    identity[0]->Release();
-    identity[1]->Release();
     late->Release();
     early->Release();
 }
