@@ -32,6 +32,25 @@ using StorableData = std::variant<std::string, std::uint32_t>;
 /// What a caller's value becomes in the registry; nullopt for kinds it cannot hold.
 std::optional<StorableData> ToStorable(const RegData& value);
 
+/// ReadRegValue on every platform around `lookup(failure)`, which opens the
+/// key and reads the value: its readable form, or nullopt with `failure` the
+/// code to record (0 when the value is missing, which is no error: the
+/// caller gets `fallback`, or when the key could not be opened, which
+/// `lookup` recorded itself).
+template <typename Lookup>
+RegValue ReadRegValueWith(const RegValue& fallback, Lookup&& lookup) noexcept {
+    ClearRegistryError();
+    try {
+        std::uint32_t failure = 0;
+        if (auto value = lookup(failure)) return std::move(*value);
+        if (failure != 0) RecordRegistryError(failure, kTextReadValue);
+        return fallback;
+    } catch (...) {
+        RecordRegistryError(result::kNotEnoughMemory, kTextReadValue);
+        return RegValue{};
+    }
+}
+
 /// A root that is not one of the three becomes Root::CurrentUser.
 Root NormalizeRoot(Root root) noexcept;
 

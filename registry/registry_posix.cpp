@@ -127,24 +127,20 @@ void CloseRegKey(RegHandle& handle) noexcept {
 
 RegValue ReadRegValue(Root root, std::string_view key, std::string_view name, const RegValue& fallback,
                       std::string_view computer) noexcept {
-    ClearRegistryError();
-    try {
+    return ReadRegValueWith(fallback, [&](std::uint32_t& failure) -> std::optional<RegValue> {
         RegHandle handle;
         const auto path = OpenPath(root, key, computer, handle, kTextOpenKey);
-        if (!path) return fallback;
+        if (!path) return std::nullopt;
         const auto hive = OpenExistingKey(handle, *path, kTextOpenKey);
         CloseRegKey(handle);
-        if (!hive) return fallback;
+        if (!hive) return std::nullopt;
         const auto* stored = hive->FindKey(*path);
         const auto* value = stored != nullptr ? stored->FindValue(name) : nullptr;
-        if (value == nullptr) return fallback;  // a missing value is the default, not an error
-        if (auto readable = Readable(*value, hive->format)) return std::move(*readable);
-        RecordRegistryError(result::kUnsupportedType, kTextReadValue);
-        return fallback;
-    } catch (...) {
-        RecordRegistryError(result::kNotEnoughMemory, kTextReadValue);
-        return RegValue{};
-    }
+        if (value == nullptr) return std::nullopt;
+        auto readable = Readable(*value, hive->format);
+        if (!readable) failure = result::kUnsupportedType;
+        return readable;
+    });
 }
 
 namespace {

@@ -182,24 +182,17 @@ void CloseRegKey(RegHandle& handle) noexcept {
 
 RegValue ReadRegValue(Root root, std::string_view key, std::string_view name, const RegValue& fallback,
                       std::string_view computer) noexcept {
-    ClearRegistryError();
-    try {
+    return ReadRegValueWith(fallback, [&](std::uint32_t& failure) -> std::optional<RegValue> {
         const Key opened = Open(root, key, computer, kRead, kTextOpenKey);
-        if (!opened) return fallback;
+        if (!opened) return std::nullopt;
         DWORD type = 0;
         std::vector<char> data;
         const LONG rc = Query(opened.get(), std::string(name), type, data);
-        if (rc == ERROR_FILE_NOT_FOUND) return fallback;  // a missing value is the default, not an error
-        if (rc == ERROR_SUCCESS) {
-            if (auto readable = Readable(type, data)) return std::move(*readable);
-        }
-        RecordRegistryError(rc == ERROR_SUCCESS ? result::kUnsupportedType : static_cast<std::uint32_t>(rc),
-                            kTextReadValue);
-        return fallback;
-    } catch (...) {
-        RecordRegistryError(ERROR_NOT_ENOUGH_MEMORY, kTextReadValue);
-        return RegValue{};
-    }
+        if (rc == ERROR_FILE_NOT_FOUND) return std::nullopt;
+        auto readable = rc == ERROR_SUCCESS ? Readable(type, data) : std::nullopt;
+        if (!readable) failure = rc == ERROR_SUCCESS ? result::kUnsupportedType : static_cast<std::uint32_t>(rc);
+        return readable;
+    });
 }
 
 bool WriteRegValue(Root root, std::string_view key, std::string_view name, const RegData& value,

@@ -6,6 +6,7 @@
 #   build-windows/dist/x86_64/ElatecTWN4.dll    (regsvr32 ElatecTWN4.dll)
 #   build-windows/dist/<arch>/twn4-configure.exe the window of Configure, found beside the DLL
 #   build-windows/dist/ElatecTWN4.tlb, .idl     the type library (also inside each DLL)
+#   build-windows/dist/ElatecTWN4.h             its interfaces for C/C++ hosts that bind early
 #
 # and, for the tests under Wine, ElatecTWN4Sim.dll (the same server over
 # simulated readers), com_check.exe and fake_dialog.exe (a stand-in for the
@@ -30,12 +31,13 @@ cmake -S "$root" -B "$out/host" -DCMAKE_BUILD_TYPE=Release -DELATECTWN4_BUILD_TE
 cmake --build "$out/host" -j"$jobs" --target twn4-idl
 
 for arch in "${archs[@]}"; do
-  cmake -S "$root" -B "$out/$arch" --toolchain "$root/cmake/toolchain-$arch-w64-mingw32.cmake" \
+  cmake -S "$root" -B "$out/$arch" --toolchain "$root/cmake/toolchain-mingw-w64.cmake" \
+    -DELATECTWN4_MINGW_TRIPLE="$arch-w64-mingw32" \
     -DCMAKE_BUILD_TYPE=Release -DELATECTWN4_IDL_TOOL="$out/host/cli/twn4-idl" "${launcher[@]}" >/dev/null
   cmake --build "$out/$arch" -j"$jobs" --target ElatecTWN4 ElatecTWN4Sim com_check twn4-configure fake_dialog
   mkdir -p "$out/dist/$arch"
   "$arch-w64-mingw32-strip" -o "$out/dist/$arch/ElatecTWN4.dll" "$out/$arch/com/win/ElatecTWN4.dll"
   "$arch-w64-mingw32-strip" -o "$out/dist/$arch/twn4-configure.exe" "$out/$arch/configure/twn4-configure.exe"
-  cp "$out/$arch/com/win/ElatecTWN4.tlb" "$out/$arch/com/win/ElatecTWN4.idl" "$out/dist/"
+  cp "$out/$arch/com/win/ElatecTWN4.tlb" "$out/$arch/com/win/ElatecTWN4.idl" "$out/$arch/com/win/ElatecTWN4.h" "$out/dist/"
 done
 echo "Windows build: $(cd "$out/dist" && find . -type f | sort | tr '\n' ' ')"

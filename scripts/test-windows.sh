@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Tests the Windows COM server under Wine, for each architecture built by
 # scripts/build-windows.sh: com_check (type library against the member
-# table, Invoke's refusals), then the test server (over simulated readers)
+# table, Invoke's refusals, the dual interfaces' vtables against IDispatch), then the test server (over simulated readers)
 # registered with regsvr32 and driven by one VBScript per family through
 # cscript, Configure's window played with xdotool on a private Xvfb (when
 # Xvfb, xdotool and ImageMagick's import are there; screenshots in
@@ -110,7 +110,7 @@ for arch in "${archs[@]}"; do
   wine_in() { wine "$system\\$1" "${@:2}"; }
 
   step "$arch com_check" wine "$dir/com_check.exe" "$(winepath -w "$out/$arch/com/win/ElatecTWN4.dll")"
-  step "$arch com_check (simulated readers)" wine "$dir/com_check.exe" "$dll" "Virtual PCD 00 01"
+  step "$arch com_check (simulated readers)" wine "$dir/com_check.exe" "$dll" "Virtual PCD 00 01" "Virtual PCD 00 00"
   step "$arch regsvr32" wine_in regsvr32.exe /s "$dll"
   registered() { wine_in reg.exe query "$classes\\ElatecTWN4.Encoder\\CLSID" $view >/dev/null 2>&1; }
   library_registered() { wine_in reg.exe query "$classes\\TypeLib\\$library_id" >/dev/null 2>&1; }

@@ -44,21 +44,6 @@ const MemberInfo* Resolve(std::string_view interfaceName, DISPID id, WORD flags)
     return found;
 }
 
-VARTYPE DeclaredType(ValueType type) {
-    switch (type) {
-        case ValueType::String:
-            return VT_BSTR;
-        case ValueType::Long:
-            return VT_I4;
-        case ValueType::Byte:
-            return VT_UI1;
-        case ValueType::Boolean:
-            return VT_BOOL;
-        default:
-            return VT_VARIANT;
-    }
-}
-
 bool IsMissing(const VARIANT& v) {
     return V_VT(&v) == VT_ERROR && V_ERROR(&v) == DISP_E_PARAMNOTFOUND;
 }
@@ -94,7 +79,7 @@ HRESULT Fail(HRESULT code, UINT* argumentError, UINT count, int index) {
 }  // namespace
 
 DispatchObject::DispatchObject(std::string_view interfaceName, const GUID& interfaceId)
-    : interfaceName_(interfaceName), interfaceId_(interfaceId) {
+    : interfaceName_(interfaceName), interfaceId_(interfaceId), dual_{DualVtable(interfaceName), this} {
     AddModuleRef();
 }
 
@@ -106,6 +91,11 @@ HRESULT STDMETHODCALLTYPE DispatchObject::QueryInterface(REFIID riid, void** obj
     if (object == nullptr) return E_POINTER;
     if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IDispatch)) {
         *object = static_cast<IDispatch*>(this);
+        AddRef();
+        return S_OK;
+    }
+    if (IsEqualIID(riid, interfaceId_)) {
+        *object = &dual_;
         AddRef();
         return S_OK;
     }
@@ -200,7 +190,7 @@ HRESULT STDMETHODCALLTYPE DispatchObject::Invoke(DISPID id, REFIID riid, LCID, W
             }
             const bool byReference = (V_VT(&given) & VT_BYREF) != 0;
             if (byReference && V_VT(&given) != (VT_BYREF | VT_VARIANT) &&
-                V_VT(&given) != (VT_BYREF | DeclaredType(p.type))) {
+                V_VT(&given) != (VT_BYREF | VarTypeOf(p.type))) {
                 return Fail(DISP_E_TYPEMISMATCH, argumentError, count, static_cast<int>(i));
             }
             auto value = FromVariant(given);

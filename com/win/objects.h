@@ -1,6 +1,7 @@
 // The automation objects: Encoder (interface _Encoder) and the CError record
 // its LastError returns (interface _CError). Both answer IDispatch from the
-// member table, so late-bound hosts (scripts) reach every member.
+// member table, so late-bound hosts (scripts) reach every member, and their
+// dual interface, whose vtable early-bound hosts call.
 #pragma once
 
 // clang-format off
@@ -12,6 +13,7 @@
 #include <string_view>
 #include <vector>
 
+#include "com/win/dual_vtable.h"
 #include "elatectwn4/dispatch.h"
 
 namespace elatectwn4::com::win {
@@ -44,6 +46,7 @@ private:
     std::atomic<ULONG> references_{1};
     std::string_view interfaceName_;
     const GUID& interfaceId_;
+    DualFace dual_;
 };
 
 /// The creatable class: one Encoder over the server's PC/SC boundary.

@@ -9,9 +9,31 @@
 #include <optional>
 #include <string>
 
+#include "elatectwn4/dispatch.h"
 #include "elatectwn4/variant.h"
 
 namespace elatectwn4::com::win {
+
+/// The VARIANT type of an automation type (VT_EMPTY for no value).
+constexpr VARTYPE VarTypeOf(ValueType type) {
+    switch (type) {
+        case ValueType::String:
+            return VT_BSTR;
+        case ValueType::Long:
+            return VT_I4;
+        case ValueType::Byte:
+            return VT_UI1;
+        case ValueType::Boolean:
+            return VT_BOOL;
+        case ValueType::Variant:
+            return VT_VARIANT;
+        case ValueType::Object:
+            return VT_DISPATCH;
+        case ValueType::Void:
+            break;
+    }
+    return VT_EMPTY;
+}
 
 /// Text of a BSTR in the system's ANSI code page, as the component's texts are.
 std::string FromBstr(BSTR text);

@@ -1,24 +1,30 @@
 // Checks of the COM server that a script cannot see: that the type library
 // embedded in the DLL lists exactly the member table's rows (names, ids,
-// kinds, parameters, directions, optional ones, types), and the HRESULT and
-// argument position IDispatch::Invoke gives for calls that cannot be made.
+// kinds, parameters, directions, optional ones, types, vtable slots), the
+// HRESULT and argument position IDispatch::Invoke gives for calls that
+// cannot be made, and that the dual interfaces' vtables, called as an
+// early-bound C++ host calls them (through the header widl writes from the
+// same IDL), give what IDispatch gives.
 // Loads the DLL itself (no registration needed). Usage: com_check DLL
-// [READER]; with the reader of a simulated DESFire card (the test build of
-// the server), also what a byte array comes back as, which scripts under
-// Wine cannot read.
+// [DESFIRE-READER MIFARE-READER]; with the readers of the test build's
+// simulated cards, also what a byte array comes back as, which scripts
+// under Wine cannot read, and early-bound calls that reach a card.
 // Prints one line per failure and a final count; exits with that count.
 // clang-format off
 #include <windows.h>
 #include <oleauto.h>
 // clang-format on
 
+#include <algorithm>
 #include <cstdio>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "ElatecTWN4.h"
 #include "com/typelib.h"
 #include "com/win/guid.h"
+#include "com/win/variant_convert.h"
 
 using namespace elatectwn4;
 using namespace elatectwn4::com;
@@ -41,26 +47,6 @@ std::string Narrow(const wchar_t* text) {
     return out;
 }
 
-VARTYPE TypeOf(ValueType type) {
-    switch (type) {
-        case ValueType::String:
-            return VT_BSTR;
-        case ValueType::Long:
-            return VT_I4;
-        case ValueType::Byte:
-            return VT_UI1;
-        case ValueType::Boolean:
-            return VT_BOOL;
-        case ValueType::Variant:
-            return VT_VARIANT;
-        case ValueType::Object:
-            return VT_PTR;
-        case ValueType::Void:
-            break;
-    }
-    return VT_VOID;
-}
-
 const char* KindName(MemberKind kind) {
     return kind == MemberKind::Method ? "method" : kind == MemberKind::PropertyGet ? "get" : "put";
 }
@@ -72,7 +58,7 @@ std::string RowLine(const MemberInfo& m) {
     for (const auto& p : m.params) {
         // Enumerations are 32-bit user types; the library shows them as such.
         const bool isEnum = p.type == ValueType::Long && p.typeName != "Long";
-        line += std::string(p.name) + ":" + (isEnum ? "enum" : std::to_string(TypeOf(p.type))) +
+        line += std::string(p.name) + ":" + (isEnum ? "enum" : std::to_string(win::VarTypeOf(p.type))) +
                 (p.inOut ? ":inout" : ":in") + (p.optional ? ":opt" : "") + " ";
     }
     return line + ")";
@@ -113,10 +99,11 @@ void CheckTypeLibrary(const std::wstring& dll) {
     if (library == nullptr) return;
     for (const auto& [name, guid] :
          {std::pair{"_Encoder", win::kEncoderInterfaceGuid}, std::pair{"_CError", win::kErrorInterfaceGuid}}) {
-        std::set<std::string> expected;
+        std::vector<std::string> rows;  // in table order, which is the vtable's
         for (const auto& row : MemberRows()) {
-            if (row.info.interfaceName == name) expected.insert(RowLine(row.info));
+            if (row.info.interfaceName == name) rows.push_back(RowLine(row.info));
         }
+        const std::set<std::string> expected(rows.begin(), rows.end());
         ITypeInfo* dispatch = nullptr;
         ITypeInfo* info = nullptr;
         HREFTYPE vtable = 0;
@@ -132,7 +119,12 @@ void CheckTypeLibrary(const std::wstring& dll) {
         for (WORD i = 0; i < attributes->cFuncs; ++i) {
             FUNCDESC* f = nullptr;
             info->GetFuncDesc(i, &f);
-            found.insert(FunctionLine(info, f));
+            const std::string line = FunctionLine(info, f);
+            found.insert(line);
+            // IDispatch's seven slots come first, then one per row.
+            const auto slot = std::find(rows.begin(), rows.end(), line) - rows.begin() + 7;
+            Expect(f->oVft == static_cast<SHORT>(slot * sizeof(void*)),
+                   std::string(name) + ": vtable slot of " + line + " at byte " + std::to_string(f->oVft));
             info->ReleaseFuncDesc(f);
         }
         info->ReleaseTypeAttr(attributes);
@@ -167,6 +159,53 @@ VARIANT Missing() {
     VariantInit(&v);
     V_VT(&v) = VT_ERROR;
     V_ERROR(&v) = DISP_E_PARAMNOTFOUND;
+    return v;
+}
+
+// Calls a member through IDispatch::Invoke, arguments in the member's order.
+HRESULT Dispatch(IDispatch* object, const wchar_t* member, WORD flags, std::vector<VARIANT> args, VARIANT* result,
+                 UINT* argumentError = nullptr) {
+    LPOLESTR name = const_cast<LPOLESTR>(member);
+    DISPID id = DISPID_UNKNOWN;
+    object->GetIDsOfNames(IID_NULL, &name, 1, 0, &id);
+    std::reverse(args.begin(), args.end());
+    DISPID put = DISPID_PROPERTYPUT;
+    const bool isPut = flags == DISPATCH_PROPERTYPUT;
+    DISPPARAMS params{args.data(), isPut ? &put : nullptr, static_cast<UINT>(args.size()), isPut ? 1u : 0u};
+    VariantInit(result);
+    return object->Invoke(id, IID_NULL, 0, flags, &params, result, nullptr, argumentError);
+}
+
+// The text of a value, for comparing the two bindings' results.
+std::string Shown(VARIANT value) {
+    VARIANT text;
+    VariantInit(&text);
+    const bool ok = SUCCEEDED(VariantChangeType(&text, &value, 0, VT_BSTR));
+    const std::string out = ok ? Narrow(V_BSTR(&text)) : "(vt " + std::to_string(V_VT(&value)) + ")";
+    VariantClear(&text);
+    return out;
+}
+std::string Shown(BSTR text) {
+    return Narrow(text);
+}
+std::string Shown(LONG value) {
+    return std::to_string(value);
+}
+
+// What IDispatch gives for a call, as text ("" for none).
+std::string DispatchText(IDispatch* object, const wchar_t* member, std::vector<VARIANT> args = {},
+                         WORD flags = DISPATCH_METHOD | DISPATCH_PROPERTYGET) {
+    VARIANT result;
+    const HRESULT hr = Dispatch(object, member, flags, std::move(args), &result);
+    std::string text = SUCCEEDED(hr) ? Shown(result) : "(failed)";
+    VariantClear(&result);
+    return text;
+}
+
+VARIANT Reference(VARIANT* target) {
+    VARIANT v;
+    V_VT(&v) = VT_BYREF | VT_VARIANT;
+    V_VARIANTREF(&v) = target;
     return v;
 }
 
@@ -246,14 +285,9 @@ void CheckInvoke(IDispatch* encoder) {
          ~0u},
     };
     for (const auto& call : calls) {
-        LPOLESTR name = const_cast<LPOLESTR>(call.member);
-        encoder->GetIDsOfNames(IID_NULL, &name, 1, 0, &id);
-        std::vector<VARIANT> reversed(call.args.rbegin(), call.args.rend());
-        DISPPARAMS params{reversed.data(), nullptr, static_cast<UINT>(reversed.size()), 0};
         VARIANT result;
-        VariantInit(&result);
         UINT argumentError = ~0u;
-        const HRESULT hr = encoder->Invoke(id, IID_NULL, 0, call.flags, &params, &result, nullptr, &argumentError);
+        const HRESULT hr = Dispatch(encoder, call.member, call.flags, call.args, &result, &argumentError);
         char text[160];
         std::snprintf(text, sizeof text, "%s: HRESULT %08lX (expected %08lX), argument %u (expected %u)", call.what,
                       static_cast<unsigned long>(hr), static_cast<unsigned long>(call.expected), argumentError,
@@ -271,29 +305,16 @@ void CheckInvoke(IDispatch* encoder) {
 // DESFireGetVersion -2 into a VARIANT passed by reference: the whole
 // version record as a SAFEARRAY of bytes.
 void CheckByteArray(IDispatch* encoder, const wchar_t* reader) {
-    DISPID id = 0;
-    auto dispatch = [&](const wchar_t* member, WORD flags, std::vector<VARIANT> args, DISPID* named = nullptr) {
-        LPOLESTR name = const_cast<LPOLESTR>(member);
-        encoder->GetIDsOfNames(IID_NULL, &name, 1, 0, &id);
-        std::vector<VARIANT> reversed(args.rbegin(), args.rend());
-        DISPPARAMS params{reversed.data(), named, static_cast<UINT>(reversed.size()), named != nullptr ? 1u : 0u};
-        VARIANT result;
-        VariantInit(&result);
-        const HRESULT hr = encoder->Invoke(id, IID_NULL, 0, flags, &params, &result, nullptr, nullptr);
-        const bool ok = SUCCEEDED(hr) && (V_VT(&result) == VT_EMPTY || (V_VT(&result) == VT_I4 && V_I4(&result) == 0));
-        Expect(ok, Narrow(member) + " succeeds");
-        VariantClear(&result);
-    };
-    DISPID put = DISPID_PROPERTYPUT;
-    dispatch(L"Parameters", DISPATCH_PROPERTYPUT, {Text((L"Device=" + std::wstring(reader)).c_str())}, &put);
-    dispatch(L"OpenEncoder", DISPATCH_METHOD, {});
-    dispatch(L"DESFireSelectRoot", DISPATCH_METHOD, {Text(L"0000000000000000")});
+    // One at a time: the operands of + are evaluated in no fixed order.
+    std::string opened =
+        DispatchText(encoder, L"Parameters", {Text((L"Device=" + std::wstring(reader)).c_str())}, DISPATCH_PROPERTYPUT);
+    opened += DispatchText(encoder, L"OpenEncoder");
+    opened += DispatchText(encoder, L"DESFireSelectRoot", {Text(L"0000000000000000")});
+    Expect(opened == "00", "Parameters, OpenEncoder, DESFireSelectRoot: " + opened);
     VARIANT information;
     VariantInit(&information);
-    VARIANT reference;
-    V_VT(&reference) = VT_BYREF | VT_VARIANT;
-    V_VARIANTREF(&reference) = &information;
-    dispatch(L"DESFireGetVersion", DISPATCH_METHOD, {Long(-2), reference});
+    Expect(DispatchText(encoder, L"DESFireGetVersion", {Long(-2), Reference(&information)}) == "0",
+           "DESFireGetVersion");
     std::string hex;
     if (V_VT(&information) == (VT_ARRAY | VT_UI1)) {
         unsigned char* bytes = nullptr;
@@ -310,11 +331,97 @@ void CheckByteArray(IDispatch* encoder, const wchar_t* reader) {
     VariantClear(&information);
 }
 
+// The dual interfaces called through their vtables, as an early-bound host
+// calls them, against IDispatch on the same object: properties, an optional
+// argument left out, in/out arguments of several types, and LastError's
+// record read and written through _CError's vtable. With the
+// reader of a simulated MIFARE card the calls succeed (sector 1 gets a
+// trailer and reads it back); without, they fail and leave their record.
+void CheckEarlyBinding(IClassFactory* factory, const wchar_t* reader) {
+    _Encoder* early = nullptr;
+    Expect(SUCCEEDED(factory->CreateInstance(nullptr, win::kEncoderInterfaceGuid, reinterpret_cast<void**>(&early))),
+           "an Encoder through _Encoder");
+    if (early == nullptr) return;
+    IDispatch* late = nullptr;
+    early->QueryInterface(IID_IDispatch, reinterpret_cast<void**>(&late));
+    BSTR device = SysAllocString((L"Device=" + std::wstring(reader ? reader : L"Virtual PCD 00 09")).c_str());
+    BSTR parameters = nullptr;
+    early->put_Parameters(device);
+    early->get_Parameters(&parameters);
+    Expect(
+        Shown(parameters).ends_with("\r\n" + Narrow(device)) && DispatchText(late, L"Parameters") == Shown(parameters),
+        "Parameters put and got through the vtable: " + Shown(parameters));
+    ::sceReturnCode result = ::sceCanceled;
+    ::sceEncoderState state{};
+    early->OpenEncoder(0, &result);
+    early->get_EncoderState(&state);
+    Expect(result == (reader ? ::sceSuccess : ::sceError) && Shown(state) == (reader ? "3" : "1") &&
+               DispatchText(late, L"EncoderState") == Shown(state),
+           "OpenEncoder " + Shown(result) + ", EncoderState " + Shown(state));
+
+    BSTR keys[] = {SysAllocString(L"FFFFFFFFFFFF"), SysAllocString(L"A0A1A2A3A4A5"), SysAllocString(L"B0B1B2B3B4B5"),
+                   SysAllocString(L"FFFF")};
+    if (reader != nullptr) {
+        early->WriteSectorTrailer(1, keys[0], 0, keys[1], keys[2], 2, ::SCBS_SecurityLevelEnum(13),
+                                  ::SCBS_SecurityLevelEnum(13), ::SCBS_SecurityLevelEnum(13),
+                                  ::SCSS_SecurityLevelEnum(12), Missing(), &result);
+        Expect(result == ::sceSuccess, "WriteSectorTrailer with BX left out: " + Shown(result));
+    }
+    // Every out-argument starts as 99, so that one left unwritten shows.
+    unsigned char keysUsed = 99;
+    unsigned char bx = 99;
+    ::SCBS_SecurityLevelEnum s[3] = {::SCBS_SecurityLevelEnum(99), ::SCBS_SecurityLevelEnum(99),
+                                     ::SCBS_SecurityLevelEnum(99)};
+    ::SCSS_SecurityLevelEnum conditions = ::SCSS_SecurityLevelEnum(99);
+    early->ReadSectorTrailer(1, keys[2], 2, &keysUsed, &s[0], &s[1], &s[2], &conditions, &bx, &result);
+    const std::string vtableOuts = Shown(result) + " " + Shown(keysUsed) + " " + Shown(s[0]) + " " + Shown(s[1]) + " " +
+                                   Shown(s[2]) + " " + Shown(conditions) + " " + Shown(bx);
+    VARIANT outs[6];
+    std::vector<VARIANT> args{Long(1), Text(L"B0B1B2B3B4B5"), Long(2)};
+    for (auto& out : outs) {
+        out = Long(99);
+        args.push_back(Reference(&out));
+    }
+    std::string dispatchOuts = DispatchText(late, L"ReadSectorTrailer", args);
+    for (auto& out : outs)
+        dispatchOuts.append(" ").append(Shown(out));
+    Expect(vtableOuts == dispatchOuts && (reader == nullptr || vtableOuts == "0 2 13 13 13 12 105"),
+           "ReadSectorTrailer: vtable " + vtableOuts + ", IDispatch " + dispatchOuts);
+
+    // A failure (a key of the wrong length) empties the block and fills the record.
+    BSTR block = SysAllocString(L"untouched");
+    early->ReadDataBloc(4, keys[3], 0, &block, &result);
+    _CError* error = nullptr;
+    LONG number = 0;
+    BSTR function = nullptr;
+    early->get_LastError(&error);
+    Expect(result == ::sceError && SysStringLen(block) == 0 && error != nullptr,
+           "ReadDataBloc with a short key, then LastError as a _CError: " + Shown(block));
+    if (error != nullptr) {
+        IDispatch* record = nullptr;
+        error->QueryInterface(IID_IDispatch, reinterpret_cast<void**>(&record));
+        error->get_Number(&number);
+        error->get_ComFunction(&function);
+        Expect(number != 0 && DispatchText(record, L"Number") == Shown(number) &&
+                   Shown(function) == "MifareAuthenticate:LoadKey" &&
+                   DispatchText(record, L"ComFunction") == Shown(function),
+               "LastError through the vtable: " + Shown(number) + " " + Shown(function));
+        error->put_Number(7);
+        Expect(DispatchText(record, L"Number") == "7", "Number put through the vtable");
+        record->Release();
+        error->Release();
+    }
+    for (BSTR text : {device, parameters, keys[0], keys[1], keys[2], keys[3], block, function})
+        SysFreeString(text);
+    late->Release();
+    early->Release();
+}
+
 }  // namespace
 
 int wmain(int argc, wchar_t** argv) {
-    if (argc != 2 && argc != 3) {
-        std::printf("usage: com_check DLL [READER]\n");
+    if (argc != 2 && argc != 4) {
+        std::printf("usage: com_check DLL [DESFIRE-READER MIFARE-READER]\n");
         return 2;
     }
     CoInitialize(nullptr);
@@ -341,12 +448,13 @@ int wmain(int argc, wchar_t** argv) {
         if (factory != nullptr) {
             Expect(SUCCEEDED(factory->CreateInstance(nullptr, IID_IDispatch, reinterpret_cast<void**>(&encoder))),
                    "an Encoder through IDispatch");
+            CheckEarlyBinding(factory, argc == 4 ? argv[3] : nullptr);
             factory->Release();
         }
         if (encoder != nullptr) {
             Expect(canUnloadNow() == S_FALSE, "the DLL stays while an Encoder lives");
             CheckInvoke(encoder);
-            if (argc == 3) CheckByteArray(encoder, argv[2]);
+            if (argc == 4) CheckByteArray(encoder, argv[2]);
             encoder->Release();
         }
         Expect(canUnloadNow() == S_OK, "the DLL may unload once every object is gone");
