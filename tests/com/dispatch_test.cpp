@@ -134,8 +134,9 @@ TEST(Dispatch, EveryEncoderMemberIsCallableByNameWithItsDeclaredTypes) {
         DispatchResult r;
         ASSERT_NO_THROW(r = Invoke(sim.encoder, m.name, m.kind, args));
         for (std::size_t i = 0; i < args.size(); ++i) {
-            if (m.params[i].type != ValueType::Variant)
+            if (m.params[i].type != ValueType::Variant) {
                 EXPECT_EQ(args[i].index(), DefaultOf(m.params[i].type).index()) << "argument " << i + 1 << " retyped";
+            }
         }
         if (m.resultTypeName == "sceReturnCode") {
             ASSERT_TRUE(std::holds_alternative<std::int32_t>(r.value));
@@ -160,8 +161,9 @@ TEST(Dispatch, NamesIgnoreCaseIdsAreUniqueAndObjectsComeBackThemselves) {
 
     std::set<std::pair<std::int32_t, int>> seen;
     for (const auto& m : Members()) {
-        if (m.interfaceName == "_Encoder")
+        if (m.interfaceName == "_Encoder") {
             EXPECT_TRUE(seen.insert({m.dispId, static_cast<int>(m.kind)}).second) << "dispatch id reused: " << m.name;
+        }
     }
     const auto* info = FindMember("_Encoder", "ATRString", MemberKind::PropertyGet);
     ASSERT_NE(info, nullptr);
