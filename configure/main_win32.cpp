@@ -97,7 +97,12 @@ struct App : Setup {
     bool asking = false;  ///< a "test" line is out, its "probe" not yet back
 };
 
-App* TheApp(HWND window) {
+// The window keeps the App given to CreateWindowExW from its first message on.
+App* TheApp(HWND window, UINT message, LPARAM lParam) {
+    if (message == WM_NCCREATE) {
+        auto* app = static_cast<App*>(reinterpret_cast<CREATESTRUCTW*>(lParam)->lpCreateParams);
+        ::SetWindowLongPtrW(window, GWLP_USERDATA, reinterpret_cast<LONG_PTR>(app));
+    }
     return reinterpret_cast<App*>(::GetWindowLongPtrW(window, GWLP_USERDATA));
 }
 
@@ -163,11 +168,7 @@ void ShowProbe(App& app, const std::vector<std::string>& fields) {
 }
 
 LRESULT CALLBACK TestProcedure(HWND window, UINT message, WPARAM wParam, LPARAM lParam) {
-    if (message == WM_NCCREATE) {
-        auto* app = static_cast<App*>(reinterpret_cast<CREATESTRUCTW*>(lParam)->lpCreateParams);
-        ::SetWindowLongPtrW(window, GWLP_USERDATA, reinterpret_cast<LONG_PTR>(app));
-    }
-    App* app = TheApp(window);
+    App* app = TheApp(window, message, lParam);
     switch (message) {
         case WM_COMMAND:
             if (LOWORD(wParam) == IDOK || LOWORD(wParam) == IDCANCEL) ::DestroyWindow(window);
@@ -236,11 +237,7 @@ void OnCommand(App& app, int id, int event) {
 }
 
 LRESULT CALLBACK ConfigureProcedure(HWND window, UINT message, WPARAM wParam, LPARAM lParam) {
-    if (message == WM_NCCREATE) {
-        auto* app = static_cast<App*>(reinterpret_cast<CREATESTRUCTW*>(lParam)->lpCreateParams);
-        ::SetWindowLongPtrW(window, GWLP_USERDATA, reinterpret_cast<LONG_PTR>(app));
-    }
-    App* app = TheApp(window);
+    App* app = TheApp(window, message, lParam);
     switch (message) {
         case WM_COMMAND:
             OnCommand(*app, LOWORD(wParam), HIWORD(wParam));
