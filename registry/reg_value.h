@@ -32,6 +32,22 @@ using StorableData = std::variant<std::string, std::uint32_t>;
 /// What a caller's value becomes in the registry; nullopt for kinds it cannot hold.
 std::optional<StorableData> ToStorable(const RegData& value);
 
+/// The shell of every public registry member on every platform: the record
+/// is cleared, `body` runs, and anything it throws becomes "not enough
+/// memory" under the member's own text, with `onThrow()` as the result.
+template <typename Body, typename OnThrow>
+auto GuardRegistryCall(std::string_view failText, Body&& body, OnThrow&& onThrow) noexcept -> decltype(body()) {
+    ClearRegistryError();
+    try {
+        return body();
+    } catch (...) {
+        RecordRegistryError(result::kNotEnoughMemory, failText);
+        return onThrow();
+    }
+}
+
+inline constexpr auto kFailed = [] { return false; };
+
 /// ReadRegValue on every platform around `lookup(failure)`, which opens the
 /// key and reads the value: its readable form, or nullopt with `failure` the
 /// code to record (0 when the value is missing, which is no error: the
@@ -39,16 +55,15 @@ std::optional<StorableData> ToStorable(const RegData& value);
 /// `lookup` recorded itself).
 template <typename Lookup>
 RegValue ReadRegValueWith(const RegValue& fallback, Lookup&& lookup) noexcept {
-    ClearRegistryError();
-    try {
-        std::uint32_t failure = 0;
-        if (auto value = lookup(failure)) return std::move(*value);
-        if (failure != 0) RecordRegistryError(failure, kTextReadValue);
-        return fallback;
-    } catch (...) {
-        RecordRegistryError(result::kNotEnoughMemory, kTextReadValue);
-        return RegValue{};
-    }
+    return GuardRegistryCall(
+        kTextReadValue,
+        [&]() -> RegValue {
+            std::uint32_t failure = 0;
+            if (auto value = lookup(failure)) return std::move(*value);
+            if (failure != 0) RecordRegistryError(failure, kTextReadValue);
+            return fallback;
+        },
+        [] { return RegValue{}; });
 }
 
 /// A root that is not one of the three becomes Root::CurrentUser.

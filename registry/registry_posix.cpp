@@ -215,187 +215,183 @@ std::string TextOf(const StoredValue& value, FileFormat format) {
 
 bool WriteRegValue(Root root, std::string_view key, std::string_view name, const RegData& value,
                    std::string_view computer) noexcept {
-    ClearRegistryError();
-    try {
-        const auto data = ToStored(value);
-        return WriteLocked(root, key, computer, [&](const Hive&, const std::string&) {
-            return std::optional<WriteChoice>{WriteChoice{std::string(name), data}};
-        });
-    } catch (...) {
-        RecordRegistryError(result::kNotEnoughMemory, kTextWriteData);
-        return false;
-    }
+    return GuardRegistryCall(
+        kTextWriteData,
+        [&] {
+            const auto data = ToStored(value);
+            return WriteLocked(root, key, computer, [&](const Hive&, const std::string&) {
+                return std::optional<WriteChoice>{WriteChoice{std::string(name), data}};
+            });
+        },
+        kFailed);
 }
 
 bool WriteRegValueIf(Root root, std::string_view key, const LockedDecision& decide,
                      std::string_view computer) noexcept {
-    ClearRegistryError();
-    try {
-        return WriteLocked(root, key, computer,
-                           [&](const Hive& hive, const std::string& path) -> std::optional<WriteChoice> {
-                               std::vector<NamedText> values;
-                               if (const auto* stored = hive.FindKey(path)) {
-                                   for (const auto& v : stored->values) {
-                                       values.push_back(NamedText{v.name, TextOf(v, hive.format)});
+    return GuardRegistryCall(
+        kTextWriteData,
+        [&] {
+            return WriteLocked(root, key, computer,
+                               [&](const Hive& hive, const std::string& path) -> std::optional<WriteChoice> {
+                                   std::vector<NamedText> values;
+                                   if (const auto* stored = hive.FindKey(path)) {
+                                       for (const auto& v : stored->values) {
+                                           values.push_back(NamedText{v.name, TextOf(v, hive.format)});
+                                       }
                                    }
-                               }
-                               auto decision = decide(values);
-                               if (!decision) return std::nullopt;
-                               return WriteChoice{std::move(decision->name), StoredData{std::move(decision->text)}};
-                           });
-    } catch (...) {
-        RecordRegistryError(result::kNotEnoughMemory, kTextWriteData);
-        return false;
-    }
+                                   auto decision = decide(values);
+                                   if (!decision) return std::nullopt;
+                                   return WriteChoice{std::move(decision->name), StoredData{std::move(decision->text)}};
+                               });
+        },
+        kFailed);
 }
 
 std::int32_t EnumRegValueNames(Root root, std::string_view key, std::vector<std::string>& names,
                                std::string_view computer) noexcept {
-    ClearRegistryError();
-    try {
-        names.clear();
-        RegHandle handle;
-        const auto path = OpenPath(root, key, computer, handle, kTextOpenKey);
-        if (!path) return 0;
-        const auto hive = OpenExistingKey(handle, *path, kTextOpenKey);
-        CloseRegKey(handle);
-        if (!hive) return 0;
-        if (const auto* stored = hive->FindKey(*path)) {
-            for (const auto& value : stored->values) {
-                auto name = value.name.substr(0, value.name.find('\0'));
-                if (name.size() >= kEnumNameBuffer) {
-                    RecordRegistryError(result::kMoreData, kTextEnumValues);
-                    break;
+    return GuardRegistryCall(
+        kTextEnumValues,
+        [&]() -> std::int32_t {
+            names.clear();
+            RegHandle handle;
+            const auto path = OpenPath(root, key, computer, handle, kTextOpenKey);
+            if (!path) return 0;
+            const auto hive = OpenExistingKey(handle, *path, kTextOpenKey);
+            CloseRegKey(handle);
+            if (!hive) return 0;
+            if (const auto* stored = hive->FindKey(*path)) {
+                for (const auto& value : stored->values) {
+                    auto name = value.name.substr(0, value.name.find('\0'));
+                    if (name.size() >= kEnumNameBuffer) {
+                        RecordRegistryError(result::kMoreData, kTextEnumValues);
+                        break;
+                    }
+                    names.push_back(std::move(name));
                 }
-                names.push_back(std::move(name));
             }
-        }
-    } catch (...) {
-        RecordRegistryError(result::kNotEnoughMemory, kTextEnumValues);
-    }
-    return static_cast<std::int32_t>(names.size());
+            return static_cast<std::int32_t>(names.size());
+        },
+        [&] { return static_cast<std::int32_t>(names.size()); });
 }
 
 std::int32_t EnumRegKeyNames(Root root, std::string_view key, std::vector<std::string>& names,
                              std::string_view computer) noexcept {
-    ClearRegistryError();
-    try {
-        names.clear();
-        RegHandle handle;
-        const auto path = OpenPath(root, key, computer, handle, kTextOpenPath);
-        if (!path) return 0;
-        const auto hive = OpenExistingKey(handle, *path, kTextOpenPath);
-        CloseRegKey(handle);
-        if (!hive) return 0;
-        for (auto& name : hive->SubkeyNames(*path)) {
-            if (name.size() >= kEnumNameBuffer) {
-                RecordRegistryError(result::kMoreData, kTextEnumKeys);
-                break;
+    return GuardRegistryCall(
+        kTextEnumKeys,
+        [&]() -> std::int32_t {
+            names.clear();
+            RegHandle handle;
+            const auto path = OpenPath(root, key, computer, handle, kTextOpenPath);
+            if (!path) return 0;
+            const auto hive = OpenExistingKey(handle, *path, kTextOpenPath);
+            CloseRegKey(handle);
+            if (!hive) return 0;
+            for (auto& name : hive->SubkeyNames(*path)) {
+                if (name.size() >= kEnumNameBuffer) {
+                    RecordRegistryError(result::kMoreData, kTextEnumKeys);
+                    break;
+                }
+                names.push_back(std::move(name));
             }
-            names.push_back(std::move(name));
-        }
-    } catch (...) {
-        RecordRegistryError(result::kNotEnoughMemory, kTextEnumKeys);
-    }
-    return static_cast<std::int32_t>(names.size());
+            return static_cast<std::int32_t>(names.size());
+        },
+        [&] { return static_cast<std::int32_t>(names.size()); });
 }
 
 bool DeleteRegKey(Root root, std::string_view key, std::string_view computer) noexcept {
-    ClearRegistryError();
-    if (key.empty() || key == "\\") {
-        RecordRegistryError(result::kInvalidParameter, kTextDeleteRoot);
-        return false;
-    }
-    if (key.back() == '\\') {
-        RecordRegistryError(result::kInvalidParameter, kTextDeleteUnnamed);
-        return false;
-    }
-    if (key.find('\\') == std::string_view::npos) {
-        RecordRegistryError(result::kInvalidParameter, kTextDeleteMainKey);
-        return false;
-    }
-    try {
-        RegHandle handle;
-        const auto path = OpenPath(root, key, computer, handle, kTextOpenPath);
-        if (!path) return false;
-        const std::string parent = path->substr(0, path->rfind('\\'));
-        enum class Refusal { None, ParentMissing, KeyMissing, HasSubkeys } refusal = Refusal::None;
-        const auto outcome = UpdateHive(handle, [&](Hive& hive) {
-            if (!hive.KeyExists(parent)) {
-                refusal = Refusal::ParentMissing;
-            } else if (!hive.KeyExists(*path)) {
-                refusal = Refusal::KeyMissing;
-            } else if (!hive.SubkeyNames(*path).empty()) {
-                refusal = Refusal::HasSubkeys;
-            } else {
-                hive.RemoveKey(*path);
-                return true;
+    return GuardRegistryCall(
+        kTextDeleteKey,
+        [&] {
+            if (key.empty() || key == "\\") {
+                RecordRegistryError(result::kInvalidParameter, kTextDeleteRoot);
+                return false;
             }
-            return false;
-        });
-        CloseRegKey(handle);
-        if (outcome.error != result::kSuccess) {
-            RecordRegistryError(outcome.error, outcome.writing ? kTextDeleteKey : kTextOpenPath);
-            return false;
-        }
-        switch (refusal) {
-            case Refusal::ParentMissing:
-                RecordRegistryError(result::kFileNotFound, kTextOpenPath);
+            if (key.back() == '\\') {
+                RecordRegistryError(result::kInvalidParameter, kTextDeleteUnnamed);
                 return false;
-            case Refusal::KeyMissing:
-                RecordRegistryError(result::kFileNotFound, kTextDeleteKey);
+            }
+            if (key.find('\\') == std::string_view::npos) {
+                RecordRegistryError(result::kInvalidParameter, kTextDeleteMainKey);
                 return false;
-            case Refusal::HasSubkeys:
-                // The platform's own answer when a key to delete still has children.
-                RecordRegistryError(result::kAccessDenied, kTextDeleteSubtree);
+            }
+            RegHandle handle;
+            const auto path = OpenPath(root, key, computer, handle, kTextOpenPath);
+            if (!path) return false;
+            const std::string parent = path->substr(0, path->rfind('\\'));
+            enum class Refusal { None, ParentMissing, KeyMissing, HasSubkeys } refusal = Refusal::None;
+            const auto outcome = UpdateHive(handle, [&](Hive& hive) {
+                if (!hive.KeyExists(parent)) {
+                    refusal = Refusal::ParentMissing;
+                } else if (!hive.KeyExists(*path)) {
+                    refusal = Refusal::KeyMissing;
+                } else if (!hive.SubkeyNames(*path).empty()) {
+                    refusal = Refusal::HasSubkeys;
+                } else {
+                    hive.RemoveKey(*path);
+                    return true;
+                }
                 return false;
-            case Refusal::None:
-                break;
-        }
-        return true;
-    } catch (...) {
-        RecordRegistryError(result::kNotEnoughMemory, kTextDeleteKey);
-        return false;
-    }
+            });
+            CloseRegKey(handle);
+            if (outcome.error != result::kSuccess) {
+                RecordRegistryError(outcome.error, outcome.writing ? kTextDeleteKey : kTextOpenPath);
+                return false;
+            }
+            switch (refusal) {
+                case Refusal::ParentMissing:
+                    RecordRegistryError(result::kFileNotFound, kTextOpenPath);
+                    return false;
+                case Refusal::KeyMissing:
+                    RecordRegistryError(result::kFileNotFound, kTextDeleteKey);
+                    return false;
+                case Refusal::HasSubkeys:
+                    // The platform's own answer when a key to delete still has children.
+                    RecordRegistryError(result::kAccessDenied, kTextDeleteSubtree);
+                    return false;
+                case Refusal::None:
+                    break;
+            }
+            return true;
+        },
+        kFailed);
 }
 
 bool DeleteRegValue(Root root, std::string_view key, std::string_view name, std::string_view computer) noexcept {
-    ClearRegistryError();
-    try {
-        RegHandle handle;
-        const auto path = OpenPath(root, key, computer, handle, kTextOpenPath);
-        if (!path) return false;
-        enum class Refusal { None, KeyMissing, ValueMissing } refusal = Refusal::None;
-        const auto outcome = UpdateHive(handle, [&](Hive& hive) {
-            if (!hive.KeyExists(*path)) {
-                refusal = Refusal::KeyMissing;
+    return GuardRegistryCall(
+        kTextDeleteValue,
+        [&] {
+            RegHandle handle;
+            const auto path = OpenPath(root, key, computer, handle, kTextOpenPath);
+            if (!path) return false;
+            enum class Refusal { None, KeyMissing, ValueMissing } refusal = Refusal::None;
+            const auto outcome = UpdateHive(handle, [&](Hive& hive) {
+                if (!hive.KeyExists(*path)) {
+                    refusal = Refusal::KeyMissing;
+                    return false;
+                }
+                auto* stored = hive.FindKey(*path);
+                if (stored == nullptr || !stored->RemoveValue(name)) {
+                    refusal = Refusal::ValueMissing;
+                    return false;
+                }
+                return true;
+            });
+            CloseRegKey(handle);
+            if (outcome.error != result::kSuccess) {
+                RecordRegistryError(outcome.error, outcome.writing ? kTextDeleteValue : kTextOpenPath);
                 return false;
             }
-            auto* stored = hive.FindKey(*path);
-            if (stored == nullptr || !stored->RemoveValue(name)) {
-                refusal = Refusal::ValueMissing;
+            if (refusal == Refusal::KeyMissing) {
+                RecordRegistryError(result::kFileNotFound, kTextOpenPath);
+                return false;
+            }
+            if (refusal == Refusal::ValueMissing) {
+                RecordRegistryError(result::kFileNotFound, kTextDeleteValue);
                 return false;
             }
             return true;
-        });
-        CloseRegKey(handle);
-        if (outcome.error != result::kSuccess) {
-            RecordRegistryError(outcome.error, outcome.writing ? kTextDeleteValue : kTextOpenPath);
-            return false;
-        }
-        if (refusal == Refusal::KeyMissing) {
-            RecordRegistryError(result::kFileNotFound, kTextOpenPath);
-            return false;
-        }
-        if (refusal == Refusal::ValueMissing) {
-            RecordRegistryError(result::kFileNotFound, kTextDeleteValue);
-            return false;
-        }
-        return true;
-    } catch (...) {
-        RecordRegistryError(result::kNotEnoughMemory, kTextDeleteValue);
-        return false;
-    }
+        },
+        kFailed);
 }
 
 }  // namespace elatectwn4::registry

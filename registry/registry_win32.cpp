@@ -197,134 +197,128 @@ RegValue ReadRegValue(Root root, std::string_view key, std::string_view name, co
 
 bool WriteRegValue(Root root, std::string_view key, std::string_view name, const RegData& value,
                    std::string_view computer) noexcept {
-    ClearRegistryError();
-    try {
-        const Key created = Create(root, key, computer);
-        if (!created) return false;
-        const auto data = ToStorable(value);
-        if (!data) {
-            RecordRegistryError(ERROR_INVALID_DATA, kTextTypeRefused);
-            return false;
-        }
-        const LONG rc = Set(created.get(), std::string(name), *data);
-        if (rc != ERROR_SUCCESS) RecordRegistryError(static_cast<std::uint32_t>(rc), kTextWriteData);
-        return rc == ERROR_SUCCESS;
-    } catch (...) {
-        RecordRegistryError(ERROR_NOT_ENOUGH_MEMORY, kTextWriteData);
-        return false;
-    }
+    return GuardRegistryCall(
+        kTextWriteData,
+        [&] {
+            const Key created = Create(root, key, computer);
+            if (!created) return false;
+            const auto data = ToStorable(value);
+            if (!data) {
+                RecordRegistryError(ERROR_INVALID_DATA, kTextTypeRefused);
+                return false;
+            }
+            const LONG rc = Set(created.get(), std::string(name), *data);
+            if (rc != ERROR_SUCCESS) RecordRegistryError(static_cast<std::uint32_t>(rc), kTextWriteData);
+            return rc == ERROR_SUCCESS;
+        },
+        kFailed);
 }
 
 bool WriteRegValueIf(Root root, std::string_view key, const LockedDecision& decide,
                      std::string_view computer) noexcept {
-    ClearRegistryError();
-    try {
-        const NamedMutex lock;
-        std::vector<NamedText> values;
-        if (const Key opened = Open(root, key, computer, kRead, kTextOpenKey)) {
-            std::vector<std::string> names;
-            ValueNames(opened.get(), names);
-            for (auto& name : names) {
-                DWORD type = 0;
-                std::vector<char> data;
-                std::string text;
-                if (Query(opened.get(), name, type, data) == ERROR_SUCCESS) {
-                    if (const auto readable = Readable(type, data)) {
-                        const auto* number = std::get_if<std::uint32_t>(&*readable);
-                        text = number != nullptr ? std::to_string(*number) : std::get<std::string>(*readable);
+    return GuardRegistryCall(
+        kTextWriteData,
+        [&] {
+            const NamedMutex lock;
+            std::vector<NamedText> values;
+            if (const Key opened = Open(root, key, computer, kRead, kTextOpenKey)) {
+                std::vector<std::string> names;
+                ValueNames(opened.get(), names);
+                for (auto& name : names) {
+                    DWORD type = 0;
+                    std::vector<char> data;
+                    std::string text;
+                    if (Query(opened.get(), name, type, data) == ERROR_SUCCESS) {
+                        if (const auto readable = Readable(type, data)) {
+                            const auto* number = std::get_if<std::uint32_t>(&*readable);
+                            text = number != nullptr ? std::to_string(*number) : std::get<std::string>(*readable);
+                        }
                     }
+                    values.push_back(NamedText{std::move(name), std::move(text)});
                 }
-                values.push_back(NamedText{std::move(name), std::move(text)});
             }
-        }
-        ClearRegistryError();  // a key that does not exist yet is no failure here
-        const auto decision = decide(values);
-        if (!decision) return true;
-        return WriteRegValue(root, key, decision->name, RegData{decision->text}, computer);
-    } catch (...) {
-        RecordRegistryError(ERROR_NOT_ENOUGH_MEMORY, kTextWriteData);
-        return false;
-    }
+            ClearRegistryError();  // a key that does not exist yet is no failure here
+            const auto decision = decide(values);
+            if (!decision) return true;
+            return WriteRegValue(root, key, decision->name, RegData{decision->text}, computer);
+        },
+        kFailed);
 }
 
 std::int32_t EnumRegValueNames(Root root, std::string_view key, std::vector<std::string>& names,
                                std::string_view computer) noexcept {
-    ClearRegistryError();
-    try {
-        names.clear();
-        const Key opened = Open(root, key, computer, kRead, kTextOpenKey);
-        return opened ? ValueNames(opened.get(), names) : 0;
-    } catch (...) {
-        RecordRegistryError(ERROR_NOT_ENOUGH_MEMORY, kTextEnumValues);
-        return static_cast<std::int32_t>(names.size());
-    }
+    return GuardRegistryCall(
+        kTextEnumValues,
+        [&]() -> std::int32_t {
+            names.clear();
+            const Key opened = Open(root, key, computer, kRead, kTextOpenKey);
+            return opened ? ValueNames(opened.get(), names) : 0;
+        },
+        [&] { return static_cast<std::int32_t>(names.size()); });
 }
 
 std::int32_t EnumRegKeyNames(Root root, std::string_view key, std::vector<std::string>& names,
                              std::string_view computer) noexcept {
-    ClearRegistryError();
-    try {
-        names.clear();
-        const Key opened = Open(root, key, computer, kRead, kTextOpenPath);
-        if (!opened) return 0;
-        return EnumNames(opened.get(), names, kTextEnumKeys, [](HKEY k, DWORD i, char* name, DWORD* length) {
-            return RegEnumKeyExA(k, i, name, length, nullptr, nullptr, nullptr, nullptr);
-        });
-    } catch (...) {
-        RecordRegistryError(ERROR_NOT_ENOUGH_MEMORY, kTextEnumKeys);
-        return static_cast<std::int32_t>(names.size());
-    }
+    return GuardRegistryCall(
+        kTextEnumKeys,
+        [&]() -> std::int32_t {
+            names.clear();
+            const Key opened = Open(root, key, computer, kRead, kTextOpenPath);
+            if (!opened) return 0;
+            return EnumNames(opened.get(), names, kTextEnumKeys, [](HKEY k, DWORD i, char* name, DWORD* length) {
+                return RegEnumKeyExA(k, i, name, length, nullptr, nullptr, nullptr, nullptr);
+            });
+        },
+        [&] { return static_cast<std::int32_t>(names.size()); });
 }
 
 bool DeleteRegKey(Root root, std::string_view key, std::string_view computer) noexcept {
-    ClearRegistryError();
-    if (key.empty() || key == "\\") {
-        RecordRegistryError(ERROR_INVALID_PARAMETER, kTextDeleteRoot);
-        return false;
-    }
-    if (key.back() == '\\') {
-        RecordRegistryError(ERROR_INVALID_PARAMETER, kTextDeleteUnnamed);
-        return false;
-    }
-    const auto split = key.rfind('\\');
-    if (split == std::string_view::npos) {
-        RecordRegistryError(ERROR_INVALID_PARAMETER, kTextDeleteMainKey);
-        return false;
-    }
-    try {
-        const Key parent = Open(root, key.substr(0, split), computer, KEY_READ | KEY_WRITE | kView, kTextOpenPath);
-        if (!parent) return false;
-        std::vector<std::string> children;
-        if (const Key target = Open(root, key, computer, kRead, kTextDeleteKey)) {
-            EnumRegKeyNames(root, key, children, computer);
-            if (!children.empty()) {
-                RecordRegistryError(ERROR_ACCESS_DENIED, kTextDeleteSubtree);
+    return GuardRegistryCall(
+        kTextDeleteKey,
+        [&] {
+            if (key.empty() || key == "\\") {
+                RecordRegistryError(ERROR_INVALID_PARAMETER, kTextDeleteRoot);
                 return false;
             }
-        } else {
-            return false;
-        }
-        const LONG rc = RegDeleteKeyExA(parent.get(), std::string(key.substr(split + 1)).c_str(), kView, 0);
-        if (rc != ERROR_SUCCESS) RecordRegistryError(static_cast<std::uint32_t>(rc), kTextDeleteKey);
-        return rc == ERROR_SUCCESS;
-    } catch (...) {
-        RecordRegistryError(ERROR_NOT_ENOUGH_MEMORY, kTextDeleteKey);
-        return false;
-    }
+            if (key.back() == '\\') {
+                RecordRegistryError(ERROR_INVALID_PARAMETER, kTextDeleteUnnamed);
+                return false;
+            }
+            const auto split = key.rfind('\\');
+            if (split == std::string_view::npos) {
+                RecordRegistryError(ERROR_INVALID_PARAMETER, kTextDeleteMainKey);
+                return false;
+            }
+            const Key parent = Open(root, key.substr(0, split), computer, KEY_READ | KEY_WRITE | kView, kTextOpenPath);
+            if (!parent) return false;
+            std::vector<std::string> children;
+            if (const Key target = Open(root, key, computer, kRead, kTextDeleteKey)) {
+                EnumRegKeyNames(root, key, children, computer);
+                if (!children.empty()) {
+                    RecordRegistryError(ERROR_ACCESS_DENIED, kTextDeleteSubtree);
+                    return false;
+                }
+            } else {
+                return false;
+            }
+            const LONG rc = RegDeleteKeyExA(parent.get(), std::string(key.substr(split + 1)).c_str(), kView, 0);
+            if (rc != ERROR_SUCCESS) RecordRegistryError(static_cast<std::uint32_t>(rc), kTextDeleteKey);
+            return rc == ERROR_SUCCESS;
+        },
+        kFailed);
 }
 
 bool DeleteRegValue(Root root, std::string_view key, std::string_view name, std::string_view computer) noexcept {
-    ClearRegistryError();
-    try {
-        const Key opened = Open(root, key, computer, KEY_READ | KEY_WRITE | kView, kTextOpenPath);
-        if (!opened) return false;
-        const LONG rc = RegDeleteValueA(opened.get(), std::string(name).c_str());
-        if (rc != ERROR_SUCCESS) RecordRegistryError(static_cast<std::uint32_t>(rc), kTextDeleteValue);
-        return rc == ERROR_SUCCESS;
-    } catch (...) {
-        RecordRegistryError(ERROR_NOT_ENOUGH_MEMORY, kTextDeleteValue);
-        return false;
-    }
+    return GuardRegistryCall(
+        kTextDeleteValue,
+        [&] {
+            const Key opened = Open(root, key, computer, KEY_READ | KEY_WRITE | kView, kTextOpenPath);
+            if (!opened) return false;
+            const LONG rc = RegDeleteValueA(opened.get(), std::string(name).c_str());
+            if (rc != ERROR_SUCCESS) RecordRegistryError(static_cast<std::uint32_t>(rc), kTextDeleteValue);
+            return rc == ERROR_SUCCESS;
+        },
+        kFailed);
 }
 
 }  // namespace elatectwn4::registry

@@ -17,6 +17,12 @@ archs=("$@")
 ((${#archs[@]})) || archs=(i686 x86_64)
 
 export WINEPREFIX=$out/wineprefix WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml="
+# A prefix made while Wine could run only 64-bit programs never gains the
+# 32-bit system folder: start it again.
+if [[ " ${archs[*]} " == *" i686 "* && -f "$WINEPREFIX/system.reg" &&
+  ! -f "$WINEPREFIX/drive_c/windows/syswow64/cmd.exe" ]]; then
+  rm -rf "$WINEPREFIX"
+fi
 if [ ! -f "$WINEPREFIX/system.reg" ]; then
   wineboot -i >/dev/null 2>&1
 fi
