@@ -10,7 +10,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <iomanip>
 #include <sstream>
 #include <stdexcept>
 
@@ -19,21 +18,6 @@ namespace elatectwn4::e2e {
 std::string Env(const char* name) {
     const char* value = std::getenv(name);
     return value ? value : "";
-}
-
-std::string Hex(const Bytes& bytes, const std::string& separator) {
-    std::ostringstream out;
-    for (std::size_t i = 0; i < bytes.size(); ++i)
-        out << (i > 0 ? separator : "") << std::uppercase << std::hex << std::setw(2) << std::setfill('0')
-            << int{bytes[i]};
-    return out.str();
-}
-
-Bytes FromHex(const std::string& text) {
-    Bytes bytes;
-    for (std::size_t i = 0; i + 1 < text.size(); i += 2)
-        bytes.push_back(static_cast<std::uint8_t>(std::stoul(text.substr(i, 2), nullptr, 16)));
-    return bytes;
 }
 
 std::string Control(const std::string& socketPath, const std::string& command) {

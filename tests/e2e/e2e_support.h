@@ -14,15 +14,8 @@
 
 namespace elatectwn4::e2e {
 
-using Bytes = std::vector<std::uint8_t>;
-
 /// The variable's value, "" when unset.
 std::string Env(const char* name);
-
-/// Upper-case hex digits, `separator` between bytes.
-std::string Hex(const Bytes& bytes, const std::string& separator = "");
-/// Bytes of contiguous hex digits (an odd last digit is dropped).
-Bytes FromHex(const std::string& text);
 
 /// What run_e2e.sh tells the programs.
 struct E2eSetup {

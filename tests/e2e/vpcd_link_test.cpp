@@ -6,15 +6,11 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <mutex>
 #include <system_error>
 #include <thread>
@@ -233,39 +229,6 @@ TEST(VpcdLink, ServesVpcdAcrossReconnectsAndFollowsTheControlSocket) {
     settings.startRemoved = true;
     RunningLink removed(settings, slot);
     EXPECT_FALSE(vpcd.AcceptCard(200ms)) << "asked to start removed";
-}
-
-TEST(VpcdLink, AStaleControlSocketIsReplacedButNoOtherFile) {
-    ScriptedSlot slot;
-    const auto path = ControlPath();
-    const int stale = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
-    ASSERT_EQ(::bind(stale, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-    ::close(stale);
-    EXPECT_NO_THROW((VpcdLink{SettingsFor(1, path), slot}));
-
-    std::ofstream(path) << "not a socket";
-    EXPECT_THROW((VpcdLink{SettingsFor(1, path), slot}), std::system_error);
-    EXPECT_TRUE(std::filesystem::is_regular_file(path));
-    std::filesystem::remove(path);
-}
-
-TEST(VpcdLink, LowLatencyOptionsAreSetOnATcpSocket) {
-    FakeVpcd vpcd;
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const sockaddr_in address = FakeVpcd::Loopback(vpcd.port());
-    ASSERT_EQ(::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
-    ASSERT_TRUE(ConfigureLowLatency(fd));
-    for (const int option : {TCP_NODELAY, TCP_QUICKACK}) {
-        int on = 0;
-        socklen_t size = sizeof(on);
-        ::getsockopt(fd, IPPROTO_TCP, option, &on, &size);
-        EXPECT_NE(on, 0) << option;
-    }
-    ::close(fd);
-    EXPECT_FALSE(ConfigureLowLatency(fd)) << "a closed descriptor cannot take options";
 }
 
 }  // namespace
