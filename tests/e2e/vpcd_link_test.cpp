@@ -37,7 +37,10 @@ public:
         listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         const int on = 1;
         ::setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-        sockaddr_in address = Loopback(port);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        address.sin_port = htons(port);
         if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
             ::listen(listener_, 2) != 0)
             throw std::system_error(errno, std::generic_category(), "fake vpcd");
@@ -50,13 +53,6 @@ public:
         ::close(listener_);
     }
 
-    static sockaddr_in Loopback(std::uint16_t port) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        address.sin_port = htons(port);
-        return address;
-    }
     std::uint16_t port() const { return port_; }
     std::uint16_t CardPort() const {
         sockaddr_in address{};
