@@ -3,11 +3,16 @@
 // card and a MIFARE Classic 1K card whose bridge takes it out of the field and
 // puts it back on request. What the component makes of each answer is tested
 // below this layer; here the point is that the real resource manager, driver
-// and bridge carry it, with pcscd's own codes, and that encoders open when
-// pcscd stops survive its restart. run_e2e.sh runs PcscdRestart last.
+// and bridge carry it, and that encoders open when pcscd stops survive its
+// restart. run_e2e.sh runs PcscdRestart last.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/wait.h>
+#include <winscard.h>
 
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -16,7 +21,9 @@
 
 #include "e2e_support.h"
 #include "elatectwn4/encoder.h"
+#include "sim/hex_util.h"
 #include "sim/reader.h"
+#include "support/registry_dir.h"
 #include "support/two_sessions.h"
 
 namespace {
@@ -24,6 +31,89 @@ namespace {
 using namespace elatectwn4;
 using namespace elatectwn4::e2e;
 using test::SessionRecord;
+
+std::string Env(const char* name) {
+    const char* value = std::getenv(name);
+    return value ? value : "";
+}
+
+// What run_e2e.sh tells the program.
+struct E2eSetup {
+    std::string desfireReader = Env("E2E_DESFIRE_READER");
+    std::string mifareReader = Env("E2E_MIFARE_READER");
+    std::string desfireUid = Env("E2E_DESFIRE_UID");
+    std::string mifareUid = Env("E2E_MIFARE_UID");
+    std::string mifareControl = Env("E2E_MIFARE_CONTROL");
+    std::string twn4 = Env("E2E_TWN4");
+    int desfirePid = std::atoi(Env("E2E_DESFIRE_PID").c_str());  // its bridge: SIGUSR1 removes, SIGUSR2 inserts
+};
+
+// Whether pcscd reports a card in `reader` (present) or none (!present) within ten seconds.
+bool WaitForCard(const std::string& reader, bool present) {
+    SCARDCONTEXT context = 0;
+    if (SCardEstablishContext(SCARD_SCOPE_SYSTEM, nullptr, nullptr, &context) != SCARD_S_SUCCESS) return false;
+    SCARD_READERSTATE state{};
+    state.szReader = reader.c_str();
+    state.dwCurrentState = SCARD_STATE_UNAWARE;
+    const DWORD wanted = present ? SCARD_STATE_PRESENT : SCARD_STATE_EMPTY;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    bool reached = false;
+    while (!reached && std::chrono::steady_clock::now() < deadline) {
+        const LONG rc = SCardGetStatusChange(context, 250, &state, 1);
+        if (rc != SCARD_S_SUCCESS && rc != SCARD_E_TIMEOUT) break;
+        reached = (state.dwEventState & wanted) != 0;
+        state.dwCurrentState = state.dwEventState & ~SCARD_STATE_CHANGED;
+    }
+    SCardReleaseContext(context);
+    return reached;
+}
+
+// Both cards in their readers before each test.
+class ServedCards : public testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_FALSE(setup_.mifareControl.empty() || setup_.twn4.empty() || setup_.desfirePid <= 0)
+            << "run this program through run_e2e.sh, which starts pcscd and the bridges";
+        ASSERT_TRUE(WaitForCard(setup_.mifareReader, true)) << "no card in " << setup_.mifareReader;
+        ASSERT_TRUE(WaitForCard(setup_.desfireReader, true)) << "no card in " << setup_.desfireReader;
+    }
+
+    E2eSetup setup_;
+};
+
+struct ToolRun {
+    int exitStatus = -1;  // -1 when the program could not be run or was killed
+    std::string output;   // its standard output
+};
+
+ToolRun RunTool(const std::string& program, const std::vector<std::string>& args) {
+    // Through the shell, every word quoted: 'it'\''s' for it's.
+    const auto quoted = [](const std::string& word) {
+        std::string out = "'";
+        for (char c : word)
+            out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+        return out + "'";
+    };
+    std::string command = quoted(program);
+    for (const auto& arg : args)
+        command += " " + quoted(arg);
+    ToolRun run;
+    FILE* pipe = ::popen(command.c_str(), "r");
+    if (pipe == nullptr) return run;
+    char buffer[4096];
+    for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
+        run.output.append(buffer, n);
+    const int status = ::pclose(pipe);
+    if (status != -1 && WIFEXITED(status)) run.exitStatus = WEXITSTATUS(status);
+    return run;
+}
+
+std::string ReadFile(const std::filesystem::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    std::ostringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
 
 const std::string TransportKey = "FFFFFFFFFFFF";
 
@@ -47,23 +137,33 @@ TEST_F(EndToEnd, EachCardsIdentityAndRawAnswersComeThroughPcscd) {
         // and its continuations, so that the card is left with no answer half given.
         {setup_.desfireReader, "desfire", setup_.desfireUid, sceUnknownType, {"60", "AF", "AF"}},
     };
+    // Both vpcd slots, as the system lists them.
+    const auto pcsc = SystemPcsc();
+    PcscHandle context = 0;
+    std::vector<std::string> readers;
+    ASSERT_EQ(pcsc->EstablishContext(pcsc_const::ScopeSystem, context), pcsc_code::Success);
+    EXPECT_EQ(pcsc->ListReaders(context, readers), pcsc_code::Success);
+    EXPECT_EQ(readers, (std::vector<std::string>{setup_.desfireReader, setup_.mifareReader}));
+    pcsc->ReleaseContext(context);
     for (const auto& row : rows) {
         SCOPED_TRACE(row.reader);
         Encoder encoder(SystemPcsc());
         Open(encoder, row.reader);
         EXPECT_EQ(encoder.EncoderState(), sceReady);
-        EXPECT_EQ(encoder.ATRString(), Hex(sim::MakeCard(row.kind)->Atr(), " "));
+        std::string atr = encoder.ATRString();
+        std::erase(atr, ' ');
+        EXPECT_EQ(atr, sim::ToHex(sim::MakeCard(row.kind)->Atr()));
         EXPECT_EQ(encoder.CardType(), row.type) << "only the MIFARE Classic 1K type is registered";
         std::string uid;
         EXPECT_EQ(encoder.ReadSerialNumber(uid), sceSuccess) << SessionRecord(encoder.LastError());
         EXPECT_EQ(uid, row.uid);
 
         sim::Reader reference("reference");
-        reference.Insert(sim::MakeCard(row.kind, FromHex(row.uid)));
+        reference.Insert(sim::MakeCard(row.kind, *sim::FromHex(row.uid)));
         for (const std::string& escape : row.escapes) {
             std::string raw;
             EXPECT_EQ(encoder.Escape(escape, raw), sceSuccess) << SessionRecord(encoder.LastError());
-            EXPECT_EQ(raw, Hex(reference.Transmit(FromHex(escape)))) << escape;
+            EXPECT_EQ(raw, sim::ToHex(reference.Transmit(*sim::FromHex(escape)))) << escape;
         }
         EXPECT_EQ(encoder.CloseEncoder(), sceSuccess);
     }
@@ -108,19 +208,6 @@ TEST_F(EndToEnd, ACardLeavingAndComingBackIsFollowed) {
     EXPECT_TRUE(WaitForCard(setup_.desfireReader, false)) << "SIGUSR1 did not take the DESFire card out";
     ASSERT_EQ(::kill(setup_.desfirePid, SIGUSR2), 0);
     EXPECT_TRUE(WaitForCard(setup_.desfireReader, true)) << "SIGUSR2 did not put the DESFire card back";
-}
-
-// pcscd's own code when another encoder holds the card.
-TEST_F(EndToEnd, AnExclusiveSessionKeepsOthersOutUntilItCloses) {
-    Encoder first(SystemPcsc()), second(SystemPcsc());
-    Open(first, setup_.mifareReader);
-    second.Parameters("Device=" + setup_.mifareReader);
-    EXPECT_EQ(second.OpenEncoder(), sceError);
-    EXPECT_EQ(SessionRecord(second.LastError()),
-              SessionRecord(ErrorNumber::CannotOpenReader, "OpenEncoder", "SCardConnect",
-                            "The smart card cannot be accessed because of other connections outstanding.", 0x8010000B));
-    EXPECT_EQ(first.CloseEncoder(), sceSuccess);
-    EXPECT_EQ(second.OpenEncoder(), sceSuccess) << "the close did not release the card";
 }
 
 // twn4 on the system's readers: authenticated and enciphered DESFire sessions
@@ -209,11 +296,7 @@ TEST_F(PcscdRestart, EncodersOpenWhilePcscdStopsFailAndOpenAgainOnceItIsBack) {
 // MIFARE Classic 1K type, and no "Add new cards", so nothing is ever added.
 int main(int argc, char** argv) {
     testing::InitGoogleTest(&argc, argv);
-    const elatectwn4::e2e::TempDir registry("e2e-registry");
-    std::ofstream(registry.path() / "HKEY_LOCAL_MACHINE.reg", std::ios::binary)
-        << "Windows Registry Editor Version 5.00\r\n\r\n"
-        << "[HKEY_LOCAL_MACHINE\\Software\\Brantwick Systems\\Pellucid\\7.0\\Contactless\\Card types]\r\n"
-        << "\"MIFARE Classic 1K\"=\"11;3B 8F 80 01 80 4F 0C A0 00 00 03 06 03 00 01;4\"\r\n";
-    ::setenv("ELATECTWN4_REGISTRY_DIR", registry.path().c_str(), 1);
+    const elatectwn4::test::RegistryDir registry;
+    registry.WriteCardTypes("\"MIFARE Classic 1K\"=\"11;3B 8F 80 01 80 4F 0C A0 00 00 03 06 03 00 01;4\"\r\n");
     return RUN_ALL_TESTS();
 }

@@ -6,15 +6,11 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <mutex>
 #include <system_error>
 #include <thread>
@@ -41,7 +37,10 @@ public:
         listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         const int on = 1;
         ::setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-        sockaddr_in address = Loopback(port);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        address.sin_port = htons(port);
         if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
             ::listen(listener_, 2) != 0)
             throw std::system_error(errno, std::generic_category(), "fake vpcd");
@@ -54,13 +53,6 @@ public:
         ::close(listener_);
     }
 
-    static sockaddr_in Loopback(std::uint16_t port) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        address.sin_port = htons(port);
-        return address;
-    }
     std::uint16_t port() const { return port_; }
     std::uint16_t CardPort() const {
         sockaddr_in address{};
@@ -233,39 +225,6 @@ TEST(VpcdLink, ServesVpcdAcrossReconnectsAndFollowsTheControlSocket) {
     settings.startRemoved = true;
     RunningLink removed(settings, slot);
     EXPECT_FALSE(vpcd.AcceptCard(200ms)) << "asked to start removed";
-}
-
-TEST(VpcdLink, AStaleControlSocketIsReplacedButNoOtherFile) {
-    ScriptedSlot slot;
-    const auto path = ControlPath();
-    const int stale = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
-    ASSERT_EQ(::bind(stale, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-    ::close(stale);
-    EXPECT_NO_THROW((VpcdLink{SettingsFor(1, path), slot}));
-
-    std::ofstream(path) << "not a socket";
-    EXPECT_THROW((VpcdLink{SettingsFor(1, path), slot}), std::system_error);
-    EXPECT_TRUE(std::filesystem::is_regular_file(path));
-    std::filesystem::remove(path);
-}
-
-TEST(VpcdLink, LowLatencyOptionsAreSetOnATcpSocket) {
-    FakeVpcd vpcd;
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const sockaddr_in address = FakeVpcd::Loopback(vpcd.port());
-    ASSERT_EQ(::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
-    ASSERT_TRUE(ConfigureLowLatency(fd));
-    for (const int option : {TCP_NODELAY, TCP_QUICKACK}) {
-        int on = 0;
-        socklen_t size = sizeof(on);
-        ::getsockopt(fd, IPPROTO_TCP, option, &on, &size);
-        EXPECT_NE(on, 0) << option;
-    }
-    ::close(fd);
-    EXPECT_FALSE(ConfigureLowLatency(fd)) << "a closed descriptor cannot take options";
 }
 
 }  // namespace

@@ -3,19 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <charconv>
 #include <cstdio>
 #include <utility>
 
 namespace elatectwn4::test {
 
 namespace {
-
-int Nibble(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    return -1;
-}
 
 // Byte values of hex text without blanks; nullopt for a "??" pair; a failure
 // (and nothing) for text that is not whole hex bytes.
@@ -26,13 +20,15 @@ std::vector<std::optional<std::uint8_t>> Parse(std::string_view hex, bool wildca
     }
     std::vector<std::optional<std::uint8_t>> out;
     for (std::size_t i = 0; i + 1 < digits.size(); i += 2) {
+        const char* pair = digits.data() + i;
+        unsigned value = 0;
         if (wildcards && digits.compare(i, 2, "??") == 0) {
             out.emplace_back(std::nullopt);
-            continue;
+        } else if (std::from_chars(pair, pair + 2, value, 16).ptr == pair + 2) {
+            out.emplace_back(static_cast<std::uint8_t>(value));
+        } else {
+            break;
         }
-        const int high = Nibble(digits[i]), low = Nibble(digits[i + 1]);
-        if (high < 0 || low < 0) break;
-        out.emplace_back(static_cast<std::uint8_t>(high * 16 + low));
     }
     if (digits.size() % 2 != 0 || out.size() != digits.size() / 2) {
         ADD_FAILURE() << "not whole hex bytes in script text \"" << hex << "\"";
@@ -65,24 +61,6 @@ std::string Hex(std::span<const std::uint8_t> bytes) {
         out.push_back(kDigits[bytes[i] & 0x0F]);
     }
     return out;
-}
-
-std::string DescribeAnswer(std::span<const std::uint8_t> answer) {
-    // Enough to make a failed expectation explain itself; not a full table.
-    static const std::map<std::uint16_t, const char*> kReadings{
-        {0x9000, "success"},
-        {0x9100, "DESFire success"},
-        {0x91AF, "DESFire: more frames"},
-        {0x6300, "authentication failed"},
-        {0x6700, "wrong length"},
-        {0x6982, "security status not satisfied"},
-        {0x6A82, "file or block not found"},
-    };
-    if (answer.size() < 2) return answer.empty() ? "no answer" : "one byte " + Hex(answer);
-    const auto sw = static_cast<std::uint16_t>(answer[answer.size() - 2] << 8 | answer[answer.size() - 1]);
-    const std::string text = "status " + Hex(answer.subspan(answer.size() - 2));
-    const auto reading = kReadings.find(sw);
-    return reading == kReadings.end() ? text : text + " (" + reading->second + ")";
 }
 
 ScriptedPcsc::Exchange& ScriptedPcsc::Exchange::Reply(std::string_view hex) {
@@ -290,8 +268,8 @@ std::uint32_t ScriptedPcsc::Transmit(PcscHandle card, std::uint32_t protocol, st
     const auto reported = exchange.reportedLength_;
     if (!matches) {
         ADD_FAILURE() << "transmission #" << number << " differs from the script:\n  expected " << exchange.patternText_
-                      << "\n  sent     " << sent << "\n  scripted answer: "
-                      << (code != 0 ? "PC/SC failure " + HexCode(code) : Hex(reply) + ", " + DescribeAnswer(reply));
+                      << "\n  sent     " << sent
+                      << "\n  scripted answer: " << (code != 0 ? "PC/SC failure " + HexCode(code) : Hex(reply));
     }
     if (--exchange.remaining_ == 0) script_.pop_front();
     if (code != 0) return code;

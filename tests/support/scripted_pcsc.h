@@ -7,13 +7,12 @@
 //   auto fake = std::make_shared<elatectwn4::test::ScriptedPcsc>();
 //   fake->Expect("FF B0 00 04 00").Reply("00112233445566778899AABBCCDDEEFF 9000");
 //   fake->Expect("FF B0 00 05 00").Fail(elatectwn4::pcsc_code::RemovedCard);
-//   fake->Expect("AF ?? ?? ?? ?? ?? ?? ?? ?? ?? ?? ?? ?? ?? ?? ?? ??")
-//       .ReplyWith([](std::span<const std::uint8_t> sent) { return Answer(sent); });
+//   fake->Expect("AF ?? ?? ?? ?? ?? ?? ?? ?? ?? ?? ?? ?? ?? ?? ?? ??").Reply("00 9100");
 //   fake->WillConnect(elatectwn4::pcsc_code::NoSmartcard);   // next Connect only
 //
 // A command that differs from the script, or a transmission after the script
 // ran out, is a GoogleTest failure that shows both commands in hex and the
-// status word the script held; unconsumed exchanges are reported when the
+// answer the script held; unconsumed exchanges are reported when the
 // fake is destroyed.
 #pragma once
 
@@ -38,10 +37,6 @@ std::vector<std::uint8_t> Bytes(std::string_view hex);
 
 /// "FF B0 00 04 00": upper-case hex, one blank between bytes.
 std::string Hex(std::span<const std::uint8_t> bytes);
-
-/// A status word with a short reading for failure messages: "6982 (security
-/// status not satisfied)"; the status is the last two bytes of an ISO answer.
-std::string DescribeAnswer(std::span<const std::uint8_t> answer);
 
 class ScriptedPcsc : public PcscApi {
 public:

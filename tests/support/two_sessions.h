@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "elatectwn4/encoder.h"
+#include "support/record_text.h"
 
 namespace elatectwn4::test {
 
@@ -25,23 +26,16 @@ struct SessionPlan {
     std::string failureRecord;
 };
 
-/// The record in one line, every field.
+/// The record in one line, every field (RecordText's line).
 inline std::string SessionRecord(const CError& e) {
-    return std::to_string(static_cast<std::uint32_t>(e.Number)) + " | " + e.Description + " | " +
-           std::to_string(e.LastDllError) + " | " + e.ComFunction + " | " + e.RdrCommand + " | " + e.RdrRetCode;
+    return RecordText(e);
 }
 
 /// The record a failure leaves, in SessionRecord's form.
 inline std::string SessionRecord(ErrorNumber number, const std::string& comFunction, const std::string& rdrCommand,
                                  const std::string& rdrRetCode, std::uint32_t lastDllError = 0) {
-    CError e;
-    e.LastDllError = static_cast<std::int32_t>(lastDllError);
-    e.Number = ErrorValue(number);
-    e.Description = std::string(ErrorDescription(number));
-    e.ComFunction = comFunction;
-    e.RdrCommand = rdrCommand;
-    e.RdrRetCode = rdrRetCode;
-    return SessionRecord(e);
+    return RecordText(ErrorValue(number), std::string(ErrorDescription(number)), lastDllError, comFunction, rdrCommand,
+                      rdrRetCode);
 }
 
 /// Runs `rounds` rounds of both plans on two threads started together; the
