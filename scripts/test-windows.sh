@@ -23,8 +23,19 @@ if [[ " ${archs[*]} " == *" i686 "* && -f "$WINEPREFIX/system.reg" &&
   ! -f "$WINEPREFIX/drive_c/windows/syswow64/cmd.exe" ]]; then
   rm -rf "$WINEPREFIX"
 fi
+# Debian's wine starts every program through the 32-bit loader once wine32 is
+# installed, and that loader may run emulated: each architecture gets its own.
+loader_for() {
+  local loader=/usr/lib/wine/wine64
+  [ "$1" = i686 ] && loader=/usr/lib/wine/wine
+  if [ -x "$loader" ]; then echo "$loader"; else type -P wine; fi
+}
+wine() { "$WINELOADER" "$@"; }
+winepath() { "$WINELOADER" winepath.exe "$@"; }
+export WINELOADER
+WINELOADER=$(loader_for "${archs[0]}")
 if [ ! -f "$WINEPREFIX/system.reg" ]; then
-  wineboot -i >/dev/null 2>&1
+  wine wineboot.exe -i >/dev/null 2>&1
 fi
 trap 'wineserver -k 2>/dev/null' EXIT
 
@@ -109,6 +120,7 @@ library_id=$(sed -n 's/.*kLibraryId = "\(.*\)";/\1/p' "$root/com/typelib_ids.h")
 
 for arch in "${archs[@]}"; do
   if [ "$arch" = i686 ]; then system='C:\windows\syswow64'; else system='C:\windows\system32'; fi
+  WINELOADER=$(loader_for "$arch")
   if [ "$arch" = i686 ] && ! wine "$system\\cmd.exe" /c exit 0 >/dev/null 2>&1; then
     echo "FAILED  $arch: this Wine cannot run 32-bit programs (install wine32)"
     failed=$((failed + 1))
