@@ -152,8 +152,6 @@ TEST(EncoderCommand, SendsTheExactBytesAndTellsWhatCameOfIt) {
         EXPECT_EQ(Show(EncoderCommand(s.channel, c.code, c.params, {.moreResponse = c.more})), c.outcome);
         EXPECT_EQ(s.fake->Transmitted(), sent);
     }
-    EXPECT_EQ(CommandName(cmd::MoreResponseNative), "MoreResponse");
-    EXPECT_EQ(CommandName(cmd::DesfireAuthenticateToken), "DesfireAuthenticate");
 }
 
 TEST(EncoderCommand, AClosedEncoderOrMissingCardIsToldBeforeAnythingElse) {
