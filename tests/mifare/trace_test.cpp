@@ -85,8 +85,8 @@ TEST(TrailerTrace, HoldsNoKeyByteInSmallAndLargeSectors) {
             ASSERT_EQ(MifareReadDataBloc(ctx, static_cast<std::int32_t>(sector.block), now, 0, contents), sceSuccess);
             EXPECT_EQ(contents.substr(20), kSecondB);
         }
-        const cipher::ByteArray keys = *cipher::ParseHex(kFirstA + kFirstB + kSecondA + kSecondB);
-        const std::set<int> keyBytes(keys.begin(), keys.end());
+        const cipher::ByteArray keyList = *cipher::ParseHex(kFirstA + kFirstB + kSecondA + kSecondB);
+        const std::set<int> keyBytes(keyList.begin(), keyList.end());
         int writes = 0;
         for (const std::string& line : test::TraceLines()) {
             writes += line.starts_with("Sending WriteBinary: FFD600") ? 1 : 0;
