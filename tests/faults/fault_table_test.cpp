@@ -72,13 +72,15 @@ std::string ReadDesfireFiles(Encoder& e) {
 }
 
 std::vector<Case> Cases() {
+    const Call select = [](Encoder& e) { return e.DESFireSelectApplication(kApp, 0, kAppKey); };
     const Call write = [](Encoder& e) { return e.DESFireWriteData(kDataFile, 0, 100, std::string(200, '7'), true); };
     const Call credit = [](Encoder& e) { return e.DESFireCredit(kValueFile, 50); };
     const Call debit = [](Encoder& e) { return e.DESFireDebit(kValueFile, 20); };
     const Call commit = [](Encoder& e) { return e.DESFireCommitTransaction(); };
     return {
         {"WriteDataInFrames", {write}},
-        {"ValuesAndCommit", {credit, debit, commit}},
+        // Authenticating first: a lost answer is the reader's failure, not the card's refusal.
+        {"AuthenticatedValuesAndCommit", {select, credit, debit, commit}},
     };
 }
 
