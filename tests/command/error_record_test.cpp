@@ -20,31 +20,13 @@ CError Filled() {
     return CError{11, "Old description", 22, "OldFunction", "OldCommand", "OldCode"};
 }
 
-TEST(SetError, WritesOnlyTheMembersGiven) {
-    struct Case {
-        ErrorUpdate update;
-        std::string record;
-    };
-    const Case cases[] = {
-        {{}, RecordText(11, "Old description", 0x16, "OldFunction", "OldCommand", "OldCode")},
-        {{.number = 0x90010F04, .description = "Encoder command failed"},
-         RecordText(0x90010F04, "Encoder command failed", 0x16, "OldFunction", "OldCommand", "OldCode")},
-        {{.lastDllError = 0x80100069, .comFunction = "MifareReadDataBloc"},
-         RecordText(11, "Old description", 0x80100069, "MifareReadDataBloc", "OldCommand", "OldCode")},
-        {{.description = "", .rdrCommand = "SCardConnect", .rdrRetCode = ""},
-         RecordText(11, "", 0x16, "OldFunction", "SCardConnect", "")},
-    };
-    for (const Case& c : cases) {
-        CError record = Filled();
-        SetError(record, c.update);
-        EXPECT_EQ(RecordText(record), c.record);
-    }
-}
-
-TEST(SetErrorClearErrorFail, KeepTheLow32BitsAndPairEachNumberWithItsOwnDescription) {
+// A partial update leaves the other members alone; numbers keep their low 32
+// bits, and each number goes with its own description.
+TEST(ErrorRecord, SetClearAndFailWriteTheRecord) {
     CError record = Filled();
-    SetError(record, {.number = 0x90010F01, .lastDllError = (1LL << 32) + 5});
-    EXPECT_EQ(RecordText(record), RecordText(0x90010F01, "Old description", 5, "OldFunction", "OldCommand", "OldCode"));
+    SetError(record, {.number = 0x90010F01, .lastDllError = (1LL << 32) + 5, .comFunction = "MifareReadDataBloc"});
+    EXPECT_EQ(RecordText(record),
+              RecordText(0x90010F01, "Old description", 5, "MifareReadDataBloc", "OldCommand", "OldCode"));
     EXPECT_EQ(record.Number, -1878978815) << "read back signed";
     ClearError(record, "ReadSerialNumber");
     EXPECT_EQ(RecordText(record), RecordText(0, "", 0, "ReadSerialNumber", "", ""));
@@ -106,8 +88,6 @@ TEST(RecordFailure, WritesWhatTheCommandCameToUnderTheMembersName) {
         {outcome(Result::NoCard), RecordText(0x90010F06, "No card in encoder", 0, "Member", "", "")},
         {outcome(Result::CardRefused, StatusWord::Iso(0x6982)),
          RecordText(0x90010F04, failed, 0, "Member", transmit, "6982")},
-        {outcome(Result::CardRefused, StatusWord::Native(0xAE)),
-         RecordText(0x90010F04, failed, 0, "Member", transmit, "AE")},
         {outcome(Result::CardRefused, StatusWord{}), RecordText(0x90010F04, failed, 0, "Member", transmit, "")},
         {reader, RecordText(0x90010F04, failed, 0, "Member", transmit,
                             "The smart card has been removed, so that further communication is not possible.")},
@@ -129,9 +109,7 @@ TEST(CheckDataLength, PassesTheLengthsAllowedAndRecordsAnyOtherWithWhatArrived) 
     };
     const Case cases[] = {
         {16, {16}, ""},
-        {7, {4, 7, 10}, ""},
         {0, {16}, "Answer of 0 data bytes, expected 16"},
-        {18, {4, 10}, "Answer of 18 data bytes, expected 4 or 10"},
         {5, {4, 7, 10}, "Answer of 5 data bytes, expected 4, 7 or 10"},
     };
     for (const Case& c : cases) {

@@ -1,8 +1,13 @@
-// Two encoders on the two simulated readers of one PC/SC boundary, used from
-// two threads at once, never see each other's card or error record.
+// Two encoders on the two simulated readers of one PC/SC boundary keep their
+// own card, error record, access-condition overrides and card layout, even
+// used from two threads at once.
 #include <gtest/gtest.h>
 
+#include <span>
+
+#include "cipher/bytes.h"
 #include "elatectwn4/encoder.h"
+#include "sim/mifare_classic.h"
 #include "sim/simulated_pcsc.h"
 #include "support/registry_dir.h"
 #include "support/two_sessions.h"
@@ -35,6 +40,35 @@ TEST(TwoEncoders, FromTwoThreadsEachKeepsItsOwnCardAndRecord) {
                              "DesfireAuthenticate2", "A0")},
     }};
     EXPECT_EQ(test::InterleaveSessions(plans, 300), "");
+}
+
+// Only the first encoder has an override and Conformance=card; each writes
+// the trailers of sectors 1 and 32 of its 4K card.
+TEST(TwoEncoders, OverridesAndTheCardsLayoutBelongToOneEncoder) {
+    const std::string transport = "FFFFFFFFFFFF", keyA = "A0A1A2A3A4A5";
+    test::RegistryDir registry;
+    auto pcsc = std::make_shared<sim::SimulatedPcsc>();
+    std::array<std::shared_ptr<sim::MifareClassicCard>, 2> cards;
+    std::array<std::unique_ptr<Encoder>, 2> encoders{std::make_unique<Encoder>(pcsc), std::make_unique<Encoder>(pcsc)};
+    for (std::size_t i = 0; i < 2; ++i) {
+        cards[i] = std::dynamic_pointer_cast<sim::MifareClassicCard>(sim::MakeCard("mifare4k"));
+        pcsc->Readers()[i]->Insert(cards[i]);
+        encoders[i]->Parameters("Device=" + std::string(sim::kDefaultReaderNames[i]));
+        ASSERT_EQ(encoders[i]->OpenEncoder(), sceSuccess);
+    }
+    encoders[0]->MifareSetAccessCondition(5, "100");
+    encoders[0]->Parameters("Conformance=card");
+    for (std::size_t i = 0; i < 2; ++i) {
+        SCOPED_TRACE(i);
+        Encoder& e = *encoders[i];
+        ASSERT_EQ(e.WriteSectorTrailer(1, transport, 0, keyA, keyA, 2, scbs_B_Read, -1, -1, -1), sceSuccess);
+        // Block 0 "100" by the override, "101" without it.
+        EXPECT_EQ(cipher::ToHex(std::span(cards[i]->RawBlock(7)).subspan(6, 3)), i == 0 ? "FE1780" : "FE1690");
+        // Block 131 is a data block of sector 32, no trailer: refused by default.
+        EXPECT_EQ(e.WriteSectorTrailer(32, transport, 0, keyA, keyA, 0, -1, -1, -1, -1),
+                  i == 0 ? sceSuccess : sceError);
+        EXPECT_EQ(cipher::ToHex(std::span(cards[i]->RawBlock(143)).first(6)), i == 0 ? keyA : transport);
+    }
 }
 
 }  // namespace
