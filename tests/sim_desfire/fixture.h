@@ -35,8 +35,8 @@ protected:
     CardTest() : card_({}, random_), host_(card_) {}
 
     /// Answer status as text, for readable assertions.
-    std::string Status(ByteSpan frame) { return StatusName(host_.Send(frame).status); }
-    static std::string Is(std::uint8_t status) { return StatusName(status); }
+    std::string Status(ByteSpan frame) { return Is(host_.Send(frame).status); }
+    static std::string Is(std::uint8_t status) { return ToHex(Bytes{status}); }
 
     /// Card master key changed from the factory key to kPiccKey, session open with it.
     void SecureCard();
@@ -72,14 +72,6 @@ protected:
                     const Answer answer = host_.Exchange(frame);
                     EXPECT_EQ(ToHex(answer.data), ToHex(Hex(hex))) << ToHex(frame);
                     return answer.status;
-                },
-                0x00};
-    }
-    Step PowerOn() {
-        return {"power on",
-                [this] {
-                    card_.PowerOn();
-                    return std::uint8_t{0x00};
                 },
                 0x00};
     }

@@ -10,23 +10,14 @@
 namespace desfire_test {
 
 Bytes Hex(std::string_view text) {
+    std::string digits;
+    for (char c : text)
+        if (c != ' ') digits += c;
+    if (digits.size() % 2 || digits.find_first_not_of("0123456789ABCDEFabcdef") != std::string::npos)
+        throw std::invalid_argument("not hex");
     Bytes out;
-    int high = -1;
-    for (char c : text) {
-        if (c == ' ') continue;
-        int v = (c >= '0' && c <= '9')   ? c - '0'
-                : (c >= 'A' && c <= 'F') ? c - 'A' + 10
-                : (c >= 'a' && c <= 'f') ? c - 'a' + 10
-                                         : -1;
-        if (v < 0) throw std::invalid_argument("not hex");
-        if (high < 0) {
-            high = v;
-        } else {
-            out.push_back(static_cast<std::uint8_t>(high << 4 | v));
-            high = -1;
-        }
-    }
-    if (high >= 0) throw std::invalid_argument("odd hex");
+    for (std::size_t at = 0; at < digits.size(); at += 2)
+        out.push_back(static_cast<std::uint8_t>(std::stoi(digits.substr(at, 2), nullptr, 16)));
     return out;
 }
 
@@ -47,10 +38,6 @@ Key MakeKey(std::string_view hex) {
     Key key{};
     std::copy(bytes.begin(), bytes.end(), key.begin());
     return key;
-}
-
-std::string StatusName(std::uint8_t status) {
-    return ToHex(std::array{status});
 }
 
 Bytes Concat(std::initializer_list<ByteSpan> parts) {

@@ -26,7 +26,6 @@ Bytes Hex(std::string_view text);
 std::string ToHex(ByteSpan bytes);
 /// A 16-byte key from 32 hex digits, or from 16 digits doubled (single DES).
 Key MakeKey(std::string_view hex);
-std::string StatusName(std::uint8_t status);
 
 Bytes Concat(std::initializer_list<ByteSpan> parts);
 Bytes Le24(std::uint32_t value);
