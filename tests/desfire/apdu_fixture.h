@@ -82,12 +82,6 @@ protected:
 
     std::string Record() const { return test::RecordText(record); }
 
-    /// A session as an authentication would leave it.
-    void OpenSession(const Key& sessionKey, std::int32_t keyNumber = 0, std::string application = kApp) {
-        std::copy(sessionKey.begin(), sessionKey.end(), session.sessionKey.data());
-        session.authenticatedKeyNumber = keyNumber;
-        session.selectedApplicationId = std::move(application);
-    }
     /// A fresh script, "command > answer; command > answer" in hex with "??"
     /// for any byte sent, and a session with `keyNumber` in `application` ("" = none).
     void Play(const std::string& script, const std::string& application = kApp, std::int32_t keyNumber = 0,
@@ -101,13 +95,13 @@ protected:
             at = end + 1;
         }
         session.Reset();
-        if (!application.empty()) OpenSession(key, keyNumber, application);
+        if (application.empty()) return;
+        // A session as an authentication would leave it.
+        std::copy(key.begin(), key.end(), session.sessionKey.data());
+        session.authenticatedKeyNumber = keyNumber;
+        session.selectedApplicationId = application;
     }
-    Key SessionKeyNow() const {
-        Key key{};
-        std::copy(session.sessionKey.data(), session.sessionKey.data() + 16, key.begin());
-        return key;
-    }
+    std::string SessionKeyNow() const { return ToHex({session.sessionKey.data(), 16}); }
 };
 
 }  // namespace elatectwn4::desfire

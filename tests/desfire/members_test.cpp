@@ -208,64 +208,57 @@ TEST_F(DesfireMembers, EachMemberSendsItsFieldsAndReadsTheAnswerOrEndsInItsOwnRe
     EXPECT_TRUE(session.versionCache.empty()) << "a short record is not kept";
 }
 
-TEST_F(DesfireMembers, ChangeKeySendsTheFrameOfItsCase) {
-    const Bytes oldKey = Hex("00112233445566778899AABBCCDDEEFF");
-    const Bytes newKey = Hex("F0E1D2C3B4A59687F0E1D2C3B4A59687");
+TEST_F(DesfireMembers, ChangeKeyAndChangeFileSettingsSendTheFormTheConformanceCallsFor) {
+    const Bytes oldKey = Hex("00112233445566778899AABBCCDDEEFF"), newKey = Hex("F0E1D2C3B4A59687F0E1D2C3B4A59687");
     Bytes x(16);
     for (std::size_t i = 0; i < 16; ++i)
         x[i] = oldKey[i] ^ newKey[i];
-    const Bytes own = WithCrc(newKey);
-    const Bytes other = Concat({WithCrc(x), own});
-    const struct {
-        std::int32_t keyNumber;  // the session is authenticated with key 1
-        bool cardConformance;
-        std::string newKeyText;
-        Bytes plain;  // what the card finds after undoing send mode
-    } rows[] = {
-        {1, false, ToHex(newKey), own},
-        {1, true, ToHex(newKey), own},
-        // A 16-digit key is a single-DES key with equal halves.
-        {2, false, "f0e1 d2c3 b4a5 9687", other},
-        // As the cards expect it: one 24-byte run.
-        {2, true, ToHex(newKey), Concat({x, Crc(x), Crc(newKey), Bytes(4, 0)})},
+    const std::string oldText = ToHex(oldKey), newText = ToHex(newKey), member = "DESFireChangeFileSettings";
+    const auto sent = [](const std::string& head, const Bytes& plain) {
+        return head + ToHex(SendMode(kSession, plain)) + "> ";
     };
-    for (const auto& row : rows) {
-        Play("C4" + ToHex(Bytes{static_cast<std::uint8_t>(row.keyNumber)}) + ToHex(SendMode(kSession, row.plain)) +
-                 "> 00",
-             kApp, 1);
-        ctx.cardConformance = row.cardConformance;
-        EXPECT_EQ(DESFireChangeKey(ctx, row.keyNumber, ToHex(oldKey), row.newKeyText), sceSuccess) << Record();
-        EXPECT_EQ(Record(), Cleared("DESFireChangeKey"));
-        EXPECT_EQ(session.authenticatedKeyNumber, 1) << "the session fields stay as they were";
-    }
-}
-
-TEST_F(DesfireMembers, ChangeFileSettingsSendsTheFormItsModeCallsFor) {
-    // The enciphered form: settings (3), CRC, three zero bytes, in send mode.
-    const std::string enciphered = "5F 04" + ToHex(SendMode(kSession, WithCrc(Hex("03 E1 12"))));
-    const std::string plain = "5F 04 03 E112", member = "DESFireChangeFileSettings";
+    const std::string own = sent("C401", WithCrc(newKey)), plain = "5F 04 03 E112 > ";
+    // The enciphered settings: settings (3), CRC, three zero bytes, in send mode.
+    const std::string enciphered = sent("5F04", WithCrc(Hex("03 E1 12")));
+    const AccessRights rights{1, 2, 14, 1};
     const struct {
         bool cardConformance;
+        Call call;
+        const char* member;
         std::string script;
         sceReturnCode result;
-        std::string expected;
+        std::string record;  // "" = cleared by the member
     } rows[] = {
-        {false, plain + "> 00", sceSuccess, Cleared(member)},
+        // The session is authenticated with key 1.
+        {false, CALL(DESFireChangeKey, 1, oldText, newText), own + "00", sceSuccess, ""},
+        {true, CALL(DESFireChangeKey, 1, oldText, newText), own + "00", sceSuccess, ""},
+        // A 16-digit key is a single-DES key with equal halves.
+        {false, CALL(DESFireChangeKey, 2, oldText, "f0e1 d2c3 b4a5 9687"),
+         sent("C402", Concat({WithCrc(x), WithCrc(newKey)})) + "00", sceSuccess, ""},
+        // As the cards expect it: one 24-byte run.
+        {true, CALL(DESFireChangeKey, 2, oldText, newText),
+         sent("C402", Concat({x, Crc(x), Crc(newKey), Bytes(4, 0)})) + "00", sceSuccess, ""},
+        {false, CALL(DESFireChangeFileSettings, 4, 3, rights), plain + "00", sceSuccess, ""},
         // A refused plain form stays in the record when the enciphered one succeeds.
-        {false, plain + "> 7E;" + enciphered + "> 00", sceSuccess,
+        {false, CALL(DESFireChangeFileSettings, 4, 3, rights), plain + "7E;" + enciphered + "00", sceSuccess,
          Line(E::CommandFailed, "EncoderCommand", "SCardTransmit:DesfireChangeFileSettings", "7E")},
-        {false, plain + "> 7E;" + enciphered + "> AE", sceError, Failed(member, "DesfireChangeFileSettings", "AE")},
+        {false, CALL(DESFireChangeFileSettings, 4, 3, rights), plain + "7E;" + enciphered + "AE", sceError,
+         Failed(member, "DesfireChangeFileSettings", "AE")},
         // With the card's conformance the change right decides the form.
-        {true, "F504 > 00 00 00 EE 12 200000;" + plain + "> 00", sceSuccess, Cleared(member)},
-        {true, "F504 > 00 00 00 E2 12 200000;" + enciphered + "> 00", sceSuccess, Cleared(member)},
-        {true, "F504 > F0", sceError, Failed(member, "DesfireGetFileSettings", "F0")},
+        {true, CALL(DESFireChangeFileSettings, 4, 3, rights), "F504 > 00 00 00 EE 12 200000;" + plain + "00",
+         sceSuccess, ""},
+        {true, CALL(DESFireChangeFileSettings, 4, 3, rights), "F504 > 00 00 00 E2 12 200000;" + enciphered + "00",
+         sceSuccess, ""},
+        {true, CALL(DESFireChangeFileSettings, 4, 3, rights), "F504 > F0", sceError,
+         Failed(member, "DesfireGetFileSettings", "F0")},
     };
     for (const auto& row : rows) {
-        Play(row.script);
+        Play(row.script, kApp, 1);
         ctx.cardConformance = row.cardConformance;
-        EXPECT_EQ(DESFireChangeFileSettings(ctx, 4, 3, AccessRights{1, 2, 14, 1}), row.result);
-        EXPECT_EQ(Record(), row.expected);
+        EXPECT_EQ(row.call(ctx), row.result) << row.script;
+        EXPECT_EQ(Record(), row.record.empty() ? Cleared(row.member) : row.record);
         EXPECT_EQ(fake->Pending(), 0u);
+        EXPECT_EQ(session.authenticatedKeyNumber, 1) << "the session fields stay as they were";
     }
 }
 
