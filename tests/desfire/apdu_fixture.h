@@ -4,11 +4,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 #include <memory>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "../sim_desfire/host.h"
 #include "command/channel.h"
@@ -31,7 +31,6 @@ using desfire_test::SendMode;
 using desfire_test::ToHex;
 using desfire_test::WithCrc;
 using Call = std::function<sceReturnCode(Context&)>;
-using Script = std::vector<std::pair<std::string, std::string>>;
 
 inline const Key kSession = MakeKey("4A1B7C3D5E6F708192A3B4C5D6E7F809");  // the halves differ
 inline const std::string kApp = "A1B2C3";
@@ -83,28 +82,26 @@ protected:
 
     std::string Record() const { return test::RecordText(record); }
 
-    /// A session as an authentication would leave it.
-    void OpenSession(const Key& sessionKey, std::int32_t keyNumber = 0, std::string application = kApp) {
-        std::copy(sessionKey.begin(), sessionKey.end(), session.sessionKey.data());
-        session.authenticatedKeyNumber = keyNumber;
-        session.selectedApplicationId = std::move(application);
-    }
-    /// A fresh script (hex commands, "??" for any byte, with their answers)
-    /// and a session with `keyNumber` in `application` ("" = none).
-    void Play(const Script& exchanges, const std::string& application = kApp, std::int32_t keyNumber = 0,
+    /// A fresh script, "command > answer; command > answer" in hex with "??"
+    /// for any byte sent, and a session with `keyNumber` in `application` ("" = none).
+    void Play(const std::string& script, const std::string& application = kApp, std::int32_t keyNumber = 0,
               const Key& key = kSession) {
         fake = std::make_shared<test::ScriptedPcsc>();
         channel.pcsc = fake.get();
-        for (const auto& [command, answer] : exchanges)
-            fake->Expect(command).Reply(answer);
+        for (std::size_t at = 0; at < script.size();) {
+            const std::size_t end = std::min(script.find(';', at), script.size());
+            const std::size_t arrow = script.find('>', at);
+            fake->Expect(script.substr(at, arrow - at)).Reply(script.substr(arrow + 1, end - arrow - 1));
+            at = end + 1;
+        }
         session.Reset();
-        if (!application.empty()) OpenSession(key, keyNumber, application);
+        if (application.empty()) return;
+        // A session as an authentication would leave it.
+        std::copy(key.begin(), key.end(), session.sessionKey.data());
+        session.authenticatedKeyNumber = keyNumber;
+        session.selectedApplicationId = application;
     }
-    Key SessionKeyNow() const {
-        Key key{};
-        std::copy(session.sessionKey.data(), session.sessionKey.data() + 16, key.begin());
-        return key;
-    }
+    std::string SessionKeyNow() const { return ToHex({session.sessionKey.data(), 16}); }
 };
 
 }  // namespace elatectwn4::desfire

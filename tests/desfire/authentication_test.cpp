@@ -44,13 +44,10 @@ TEST_F(DesfireAuthentication, SendsExactlyTheLegacyTokenAndBuildsTheSessionKey) 
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.keyText);
-        std::string id;
-        for (char c : row.application)
-            if (c != ' ') id += static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+        const std::string id = ToHex(Hex(row.application));
         const CardSide card{row.cardKey, kRndB};
-        Play({{"5A" + id, "00"},
-              {"0A" + ToHex(Bytes{static_cast<std::uint8_t>(row.keyNumber)}), "AF" + ToHex(card.Challenge())},
-              {"AF" + ToHex(card.Token(kRndA)), "00" + ToHex(card.Proof(kRndA))}},
+        Play("5A" + id + "> 00; 0A" + ToHex(Bytes{static_cast<std::uint8_t>(row.keyNumber)}) + "> AF" +
+                 ToHex(card.Challenge()) + "; AF" + ToHex(card.Token(kRndA)) + "> 00" + ToHex(card.Proof(kRndA)),
              "");
         FixRndA(kRndA);
         record.Number = 1;
@@ -58,7 +55,7 @@ TEST_F(DesfireAuthentication, SendsExactlyTheLegacyTokenAndBuildsTheSessionKey) 
         record.ComFunction = "Earlier";
         ASSERT_EQ(DESFireSelectApplication(ctx, row.application, row.keyNumber, row.keyText), sceSuccess) << Record();
         EXPECT_EQ(Record(), earlier);
-        EXPECT_EQ(ToHex(SessionKeyNow()), row.sessionKey);
+        EXPECT_EQ(SessionKeyNow(), row.sessionKey);
         EXPECT_EQ(session.selectedApplicationId, id);
         EXPECT_EQ(session.authenticatedKeyNumber, row.keyNumber);
     }
@@ -66,20 +63,16 @@ TEST_F(DesfireAuthentication, SendsExactlyTheLegacyTokenAndBuildsTheSessionKey) 
 
 TEST_F(DesfireAuthentication, ThePublishedLegacyTranscriptOfARealCardAuthenticates) {
     // A real card with the all-zero DES key: RndB = CC F5 32 70 57 0A 76 69.
-    Play({{"5A000000", "00"},
-          {"0A00", "AF DF6AB29AAE46BA27"},
-          {"AF 05EEC31F1E6A0CC3 1FEF8398A6621370", "00 26ACED3C771EF9A0"}},
-         "");
+    Play("5A000000 > 00; 0A00 > AF DF6AB29AAE46BA27; AF 05EEC31F1E6A0CC3 1FEF8398A6621370 > 00 26ACED3C771EF9A0", "");
     FixRndA(Hex("A0A1A2A3A4A5A6A7"));
     ASSERT_EQ(DESFireSelectRoot(ctx, "0000000000000000"), sceSuccess) << Record();
-    EXPECT_EQ(ToHex(SessionKeyNow()), "A0A1A2A3CCF53270A0A1A2A3CCF53270");
+    EXPECT_EQ(SessionKeyNow(), "A0A1A2A3CCF53270A0A1A2A3CCF53270");
     EXPECT_EQ(session.selectedApplicationId, "000000");
 }
 
 TEST_F(DesfireAuthentication, ARefusalReportsItsStepAndKeepsThePreviousSession) {
     const CardSide card{kSession, kRndB};
-    const std::string challenge = "AF" + ToHex(card.Challenge());
-    const std::string token = "AF" + ToHex(card.Token(kRndA));
+    const std::string challenge = "0A03 > AF" + ToHex(card.Challenge()), token = "; AF" + ToHex(card.Token(kRndA));
     const auto connect = [](const std::string& status) {
         return Line(ErrorNumber::CannotConnectToApplication, "DESFireSelectApplication", "DesfireAuthenticate2",
                     status);
@@ -87,38 +80,32 @@ TEST_F(DesfireAuthentication, ARefusalReportsItsStepAndKeepsThePreviousSession) 
     const std::string rndAFailed =
         Line(ErrorNumber::AuthenticationFailure, "DESFireSelectApplication", "DesfireAuthenticate4", "RndA failed");
     const struct {
-        std::string select;
-        Script exchanges;  // after the select
+        std::string script;  // after "5AA1B2C3 >"
         std::string record;
     } rows[] = {
-        {"00", {{"0A03", "AE"}}, connect("AE")},
+        {"00; 0A03 > AE", connect("AE")},
         // The select's own refusal only shows in the next step.
-        {"A0", {{"0A03", "A0"}}, connect("A0")},
-        {"00", {{"0A03", "AF 010203"}}, connect("AF")},
-        {"00", {{"0A03", challenge + "00"}}, connect("AF")},
-        {"00", {{"0A03", "00" + ToHex(card.Challenge())}}, connect("00")},
+        {"A0; 0A03 > A0", connect("A0")},
+        {"00; 0A03 > AF 010203", connect("AF")},
+        {"00;" + challenge + "00", connect("AF")},
+        {"00; 0A03 > 00" + ToHex(card.Challenge()), connect("00")},
         // No status at all is no answer: the command layer's record.
-        {"00",
-         {{"0A03", ""}},
-         Line(ErrorNumber::CommandFailed, "DESFireSelectApplication:EncoderCommand",
-              "SCardTransmit:DesfireAuthenticate", "No status word in the answer: nothing received")},
-        {"00",
-         {{"0A03", challenge}, {"AF" + std::string(32, '?'), "AE"}},
+        {"00; 0A03 > ", Line(ErrorNumber::CommandFailed, "DESFireSelectApplication:EncoderCommand",
+                             "SCardTransmit:DesfireAuthenticate", "No status word in the answer: nothing received")},
+        {"00;" + challenge + "; AF" + std::string(32, '?') + "> AE",
          Line(ErrorNumber::AuthenticationFailure, "DESFireSelectApplication", "DesfireAuthenticate3", "AE")},
-        {"00", {{"0A03", challenge}, {token, "00" + ToHex(card.Proof(Hex("0000000000000000")))}}, rndAFailed},
-        {"00", {{"0A03", challenge}, {token, "00" + ToHex(card.Proof(kRndA)) + "000000"}}, rndAFailed},
-        {"00", {{"0A03", challenge}, {token, "00"}}, rndAFailed},
+        {"00;" + challenge + token + "> 00" + ToHex(card.Proof(Hex("0000000000000000"))), rndAFailed},
+        {"00;" + challenge + token + "> 00" + ToHex(card.Proof(kRndA)) + "000000", rndAFailed},
+        {"00;" + challenge + token + "> 00", rndAFailed},
     };
     const Key previous = MakeKey("00112233445566778899AABBCCDDEEFF");
     for (const auto& row : rows) {
-        SCOPED_TRACE(row.record);
-        Script script{{"5AA1B2C3", row.select}};
-        script.insert(script.end(), row.exchanges.begin(), row.exchanges.end());
-        Play(script, "010203", 5, previous);
+        SCOPED_TRACE(row.script);
+        Play("5AA1B2C3 >" + row.script, "010203", 5, previous);
         FixRndA(kRndA);
         EXPECT_EQ(DESFireSelectApplication(ctx, kApp, 3, ToHex(kSession)), sceError);
         EXPECT_EQ(Record(), row.record);
-        EXPECT_EQ(ToHex(SessionKeyNow()), ToHex(previous));
+        EXPECT_EQ(SessionKeyNow(), ToHex(previous));
         EXPECT_EQ(session.authenticatedKeyNumber, 5);
         EXPECT_EQ(session.selectedApplicationId, "010203");
     }
@@ -129,22 +116,18 @@ TEST_F(DesfireAuthentication, ARefusalReportsItsStepAndKeepsThePreviousSession) 
                                          "DESFireSelectRoot:DESFireSelectApplication:EncoderCommand", "", ""));
 }
 
-TEST(DesfireSession, ResetForgetsEverythingAndOverwritesTheKeys) {
+TEST(DesfireSession, ResetForgetsTheSessionAndOverwritesItsKey) {
     Session session;
     session.selectedApplicationId = "010203";
     const Bytes key = Hex("00112233445566778899AABBCCDDEEFF");
     std::copy(key.begin(), key.end(), session.sessionKey.data());
     session.authenticatedKeyNumber = 3;
-    session.versionCache = {1, 2, 3};
-    session.Engine();
     const std::uint8_t* buffer = session.sessionKey.data();
 
     session.Reset();
 
     EXPECT_EQ(session.selectedApplicationId, "");
     EXPECT_EQ(session.authenticatedKeyNumber, -1);
-    EXPECT_TRUE(session.versionCache.empty());
-    EXPECT_EQ(session.cipherEngine, nullptr);
     EXPECT_EQ(ToHex(Bytes(buffer, buffer + 16)), std::string(32, '0'));
 }
 

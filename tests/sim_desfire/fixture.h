@@ -35,8 +35,8 @@ protected:
     CardTest() : card_({}, random_), host_(card_) {}
 
     /// Answer status as text, for readable assertions.
-    std::string Status(ByteSpan frame) { return StatusName(host_.Send(frame).status); }
-    static std::string Is(std::uint8_t status) { return StatusName(status); }
+    std::string Status(ByteSpan frame) { return Is(host_.Send(frame).status); }
+    static std::string Is(std::uint8_t status) { return ToHex(Bytes{status}); }
 
     /// Card master key changed from the factory key to kPiccKey, session open with it.
     void SecureCard();
@@ -53,16 +53,14 @@ protected:
         std::uint8_t status;
     };
     Step Send(Bytes frame, std::uint8_t status, std::string what = {}) {
-        if (what.empty()) what = ToHex(frame);
-        return {what, [this, frame] { return host_.Send(frame).status; }, status};
+        return Built([frame] { return frame; }, status, what.empty() ? ToHex(frame) : what);
     }
     /// `head` followed by WithCrc(data) enciphered under the session of the moment.
-    Step Sealed(Bytes head, Bytes data, std::uint8_t status, std::string what = {}) {
-        if (what.empty()) what = ToHex(head) + " sealed " + ToHex(data);
-        return {what, [this, head, data] { return host_.Send(Concat({head, host_.Encipher(data)})).status; }, status};
+    Step Sealed(Bytes head, Bytes data, std::uint8_t status, std::string what = "sealed") {
+        return Built([this, head, data] { return Concat({head, host_.Encipher(data)}); }, status, what);
     }
     /// A frame built when the step runs, from the session of the moment.
-    Step Built(std::string what, std::function<Bytes()> frame, std::uint8_t status) {
+    Step Built(std::function<Bytes()> frame, std::uint8_t status, std::string what = "built") {
         return {what, [this, frame] { return host_.Send(frame()).status; }, status};
     }
     /// A command whose answer, continuations included, must be `hex`.
@@ -72,14 +70,6 @@ protected:
                     const Answer answer = host_.Exchange(frame);
                     EXPECT_EQ(ToHex(answer.data), ToHex(Hex(hex))) << ToHex(frame);
                     return answer.status;
-                },
-                0x00};
-    }
-    Step PowerOn() {
-        return {"power on",
-                [this] {
-                    card_.PowerOn();
-                    return std::uint8_t{0x00};
                 },
                 0x00};
     }

@@ -10,23 +10,14 @@
 namespace desfire_test {
 
 Bytes Hex(std::string_view text) {
+    std::string digits;
+    for (char c : text)
+        if (c != ' ') digits += c;
+    if (digits.size() % 2 || digits.find_first_not_of("0123456789ABCDEFabcdef") != std::string::npos)
+        throw std::invalid_argument("not hex");
     Bytes out;
-    int high = -1;
-    for (char c : text) {
-        if (c == ' ') continue;
-        int v = (c >= '0' && c <= '9')   ? c - '0'
-                : (c >= 'A' && c <= 'F') ? c - 'A' + 10
-                : (c >= 'a' && c <= 'f') ? c - 'a' + 10
-                                         : -1;
-        if (v < 0) throw std::invalid_argument("not hex");
-        if (high < 0) {
-            high = v;
-        } else {
-            out.push_back(static_cast<std::uint8_t>(high << 4 | v));
-            high = -1;
-        }
-    }
-    if (high >= 0) throw std::invalid_argument("odd hex");
+    for (std::size_t at = 0; at < digits.size(); at += 2)
+        out.push_back(static_cast<std::uint8_t>(std::stoi(digits.substr(at, 2), nullptr, 16)));
     return out;
 }
 
@@ -47,10 +38,6 @@ Key MakeKey(std::string_view hex) {
     Key key{};
     std::copy(bytes.begin(), bytes.end(), key.begin());
     return key;
-}
-
-std::string StatusName(std::uint8_t status) {
-    return ToHex(std::array{status});
 }
 
 Bytes Concat(std::initializer_list<ByteSpan> parts) {
@@ -141,6 +128,9 @@ Bytes LegacyMac(const Key& key, ByteSpan data) {
     return {chain.begin(), chain.begin() + 4};
 }
 
+namespace {
+
+// The legacy session key from the two challenges.
 Key SessionKey(const Key& key, ByteSpan a, ByteSpan b) {
     const bool singleDes = std::equal(key.begin(), key.begin() + 8, key.begin() + 8);
     Key s{};
@@ -150,6 +140,8 @@ Key SessionKey(const Key& key, ByteSpan a, ByteSpan b) {
     std::copy(second.begin(), second.end(), s.begin() + 8);
     return s;
 }
+
+}  // namespace
 
 Answer Host::Send(ByteSpan frame) {
     auto raw = card_.DesfireCommand(frame);
@@ -183,22 +175,20 @@ std::uint8_t Host::Select(ByteSpan aid) {
     return Send(Concat({Bytes{0x5A}, aid})).status;
 }
 
-std::uint8_t Host::Authenticate(std::uint8_t keyNumber, const Key& key, std::optional<Bytes> rndA) {
+std::uint8_t Host::Authenticate(std::uint8_t keyNumber, const Key& key) {
     Answer first = Send(Bytes{0x0A, keyNumber});
     if (first.status != 0xAF) return first.status;
     const Bytes rndB = ReceiveMode(key, first.data);
-    if (!rndA) {
-        rndA = Bytes(8);
-        RAND_bytes(rndA->data(), 8);
-    }
+    Bytes rndA(8);
+    RAND_bytes(rndA.data(), 8);
     Bytes rotatedB(rndB.begin() + 1, rndB.end());
     rotatedB.push_back(rndB[0]);
-    Answer second = Send(Concat({Bytes{0xAF}, SendMode(key, Concat({*rndA, rotatedB}))}));
+    Answer second = Send(Concat({Bytes{0xAF}, SendMode(key, Concat({rndA, rotatedB}))}));
     if (second.status != 0x00) return second.status;
-    Bytes rotatedA(rndA->begin() + 1, rndA->end());
-    rotatedA.push_back((*rndA)[0]);
+    Bytes rotatedA(rndA.begin() + 1, rndA.end());
+    rotatedA.push_back(rndA[0]);
     if (ReceiveMode(key, second.data) != rotatedA) return 0xFF;
-    session_ = SessionKey(key, *rndA, rndB);
+    session_ = SessionKey(key, rndA, rndB);
     return 0x00;
 }
 

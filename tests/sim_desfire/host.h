@@ -26,7 +26,6 @@ Bytes Hex(std::string_view text);
 std::string ToHex(ByteSpan bytes);
 /// A 16-byte key from 32 hex digits, or from 16 digits doubled (single DES).
 Key MakeKey(std::string_view hex);
-std::string StatusName(std::uint8_t status);
 
 Bytes Concat(std::initializer_list<ByteSpan> parts);
 Bytes Le24(std::uint32_t value);
@@ -45,8 +44,6 @@ Bytes SendMode(const Key& key, ByteSpan plain);
 Bytes ReceiveMode(const Key& key, ByteSpan cipher);
 /// Legacy MAC: zero-padded CBC encipherment, first 4 bytes of the last block.
 Bytes LegacyMac(const Key& key, ByteSpan data);
-/// The legacy session key from the two challenges.
-Key SessionKey(const Key& key, ByteSpan rndA, ByteSpan rndB);
 
 struct Answer {
     std::uint8_t status = 0xFF;
@@ -69,7 +66,7 @@ public:
     std::uint8_t Select(ByteSpan aid);
     /// The three-pass legacy authentication; returns the card's last status,
     /// or 0xFF when the card's proof of RndA does not check out.
-    std::uint8_t Authenticate(std::uint8_t keyNumber, const Key& key, std::optional<Bytes> rndA = std::nullopt);
+    std::uint8_t Authenticate(std::uint8_t keyNumber, const Key& key);
 
     const Key& Session() const { return session_; }
     /// WithCrc(data) in send mode with the session key.
