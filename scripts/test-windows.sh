@@ -31,7 +31,12 @@ loader_for() {
   if [ -x "$loader" ]; then echo "$loader"; else type -P wine; fi
 }
 wine() { "$WINELOADER" "$@"; }
-winepath() { "$WINELOADER" winepath.exe "$@"; }
+# A prefix maps / to Z:, so a Unix path needs no Wine process to translate it.
+winepath() {
+  local path
+  path=$(realpath -m "$2")
+  printf 'Z:%s\n' "${path//\//\\}"
+}
 export WINELOADER
 WINELOADER=$(loader_for "${archs[0]}")
 if [ ! -f "$WINEPREFIX/system.reg" ]; then
@@ -126,6 +131,11 @@ for arch in "${archs[@]}"; do
     failed=$((failed + 1))
     continue
   fi
+  # Under emulation each 32-bit program start costs the better part of a
+  # minute: the 32-bit run keeps what depends on the architecture (vtables,
+  # registry view, Variant layout through the scripts that pass arguments).
+  emulated=0
+  [ "$arch" = i686 ] && [ -e /proc/sys/fs/binfmt_misc/elatectwn4-i386 ] && emulated=1
   view=/reg:32
   [ "$arch" = i686 ] || view=/reg:64
   dir=$out/$arch/tests/wine
@@ -140,9 +150,11 @@ for arch in "${archs[@]}"; do
   step "$arch class registered" registered
   step "$arch type library registered" library_registered
   # The card-type table the identity script expects, in the 32-bit view the component reads.
-  wine_in reg.exe delete "$card_types" /f /reg:32 >/dev/null 2>&1
-  wine_in reg.exe add "$card_types" /v DESFire /t REG_SZ /d "31;3B8180;7" /f /reg:32 >/dev/null 2>&1
-  wine_in reg.exe add "$card_types" /v "Add new cards" /t REG_DWORD /d 1 /f /reg:32 >/dev/null 2>&1
+  if ((!emulated)); then
+    wine_in reg.exe delete "$card_types" /f /reg:32 >/dev/null 2>&1
+    wine_in reg.exe add "$card_types" /v DESFire /t REG_SZ /d "31;3B8180;7" /f /reg:32 >/dev/null 2>&1
+    wine_in reg.exe add "$card_types" /v "Add new cards" /t REG_DWORD /d 1 /f /reg:32 >/dev/null 2>&1
+  fi
   # A script that stops on a run-time error never prints its final line,
   # and cscript exits 0 then: the line is required as well as status 0.
   family() {
@@ -157,16 +169,21 @@ for arch in "${archs[@]}"; do
   # configure.vbs finds fake_dialog.exe here, and the test server's folder is where
   # Configure looks for its dialog program when the environment names none.
   export TEST_DIR="$(winepath -w "$dir")\\"
-  for script in identity mifare desfire errors args configure; do
+  scripts=(identity mifare desfire errors args configure)
+  ((emulated)) && scripts=(mifare desfire args) &&
+    echo "skipped $arch identity.vbs errors.vbs configure.vbs configure_window.vbs (32-bit programs run emulated)"
+  for script in "${scripts[@]}"; do
     step "$arch $script.vbs" family "$script"
   done
-  if command -v Xvfb >/dev/null && command -v xdotool >/dev/null && command -v import >/dev/null; then
+  if ((emulated)); then
+    :
+  elif command -v Xvfb >/dev/null && command -v xdotool >/dev/null && command -v import >/dev/null; then
     step "$arch configure_window.vbs" configure_window
   else
     echo "skipped $arch configure_window.vbs (needs Xvfb, xdotool and import)"
   fi
   recorded() { wine_in reg.exe query "$card_types" /reg:32 2>/dev/null | grep -q "Unknown ("; }
-  step "$arch unknown ATR recorded" recorded
+  ((emulated)) || step "$arch unknown ATR recorded" recorded
   step "$arch regsvr32 /u" wine_in regsvr32.exe /u /s "$dll"
   step "$arch class gone" eval '! registered'
   step "$arch type library gone" eval '! library_registered' 

@@ -146,8 +146,12 @@ TEST(FaultTable, TheCardLeavingAtAnyExchangeIsAFailureAndTheCardIsOldOrNew) {
                 // Before its first exchange the card has nothing; after its
                 // last it has it all; in between never half of it.
                 const std::string now = rig.CardBack();
-                if (k == 0 && !afterAnswer) EXPECT_EQ(now, before);
-                if (k + 1 == exchanges && afterAnswer) EXPECT_EQ(now, after);
+                if (k == 0 && !afterAnswer) {
+                    EXPECT_EQ(now, before);
+                }
+                if (k + 1 == exchanges && afterAnswer) {
+                    EXPECT_EQ(now, after);
+                }
                 EXPECT_TRUE(now == before || now == after) << "torn: " << now;
             }
         }
