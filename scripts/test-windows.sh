@@ -39,8 +39,24 @@ winepath() {
 }
 export WINELOADER
 WINELOADER=$(loader_for "${archs[0]}")
+# Making a prefix runs Wine's own set-up, many minutes when its 32-bit half is
+# emulated. A pristine prefix per Wine version and bitness is kept in the
+# cache (ELATECTWN4_WINE_CACHE) and each run starts from a copy of it.
 if [ ! -f "$WINEPREFIX/system.reg" ]; then
-  wine wineboot.exe -i >/dev/null 2>&1
+  kind=64
+  [[ " ${archs[*]} " == *" i686 "* ]] && kind=wow64
+  cache=${ELATECTWN4_WINE_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/elatectwn4}
+  template=$cache/wineprefix-$("$(loader_for x86_64)" --version | tr -c 'A-Za-z0-9.\n' '_')-$kind
+  if [ ! -f "$template/system.reg" ]; then
+    echo "Making a Wine prefix in $template (once per Wine version)"
+    rm -rf "$template.new"
+    mkdir -p "$cache"
+    WINEPREFIX=$template.new wine wineboot.exe -i >/dev/null 2>&1
+    WINEPREFIX=$template.new wineserver -w
+    mv "$template.new" "$template"
+  fi
+  rm -rf "$WINEPREFIX"
+  cp -a "$template" "$WINEPREFIX"
 fi
 trap 'wineserver -k 2>/dev/null' EXIT
 
