@@ -66,14 +66,13 @@ protected:
 };
 
 TEST_F(Configure, OpensWithTheLanguageTheListedReadersAndTheConfiguredOneThroughDispatchToo) {
-    EXPECT_EQ(FindMember("_Encoder", "Configure", MemberKind::Method)->dispId, 17);
     struct Case {
         std::vector<Variant> args;
         const char* language;
     };
     const Case cases[] = {
-        {{std::string("francais")}, "fr"}, {{std::string("english")}, "en"},  {{}, "en"},
-        {{std::string("Francais")}, "en"}, {{std::string("français")}, "en"}, {{std::string(" francais")}, "en"},
+        {{std::string("francais")}, "fr"}, {{std::string("english")}, "en"},   {{}, "en"},  // the language left out
+        {{std::string("Francais")}, "en"}, {{std::string(" francais")}, "en"},
     };
     for (Case c : cases) {
         SCOPED_TRACE(c.language);
@@ -156,8 +155,6 @@ TEST_F(Configure, FailsAtOnceWhenTheDialogCannotBeShown) {
     };
     const std::string prefix = std::string("90010F07 | ") + kUnavailable + " | 0 | Configure | ";
     const Case cases[] = {
-        {FAKE_DIALOG, nullptr, nullptr,
-         prefix + FAKE_DIALOG + " | No display: neither DISPLAY nor WAYLAND_DISPLAY is set"},
         {FAKE_DIALOG, "", "", prefix + FAKE_DIALOG + " | No display: neither DISPLAY nor WAYLAND_DISPLAY is set"},
         {"/nonexistent/twn4-configure", ":7", nullptr,
          prefix + "/nonexistent/twn4-configure | The dialog program is not installed"},

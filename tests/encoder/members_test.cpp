@@ -1,11 +1,10 @@
 // The one edge of every public member (what it does to the record on entry,
-// and what an exception from below becomes), the Parameters text, the
-// GetInformation text and the reader version shown by ReaderType.
+// and what an exception becomes), the Parameters text, the GetInformation
+// text and the reader version shown by ReaderType.
 #include <gtest/gtest.h>
 
 #include <memory>
 #include <optional>
-#include <regex>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -25,19 +24,21 @@ namespace {
 const CError kBefore{7, "before", 9, "Previous", "SCardTransmit:ReadBinary", "6982"};
 
 TEST(Guard, AppliesItsRuleAndNeverThrows) {
-    enum class Work { Succeeds, RaisesRuntimeError, RaisesOther };
+    enum class Work { Succeeds, RaisesRuntimeError, RaisesBadAlloc, RaisesOther };
     const std::tuple<RecordRule, Work, Record> cases[] = {
         {RecordRule::Clear, Work::Succeeds, Cleared("Member")},
         {RecordRule::Keep, Work::Succeeds, Of(kBefore)},
         {RecordRule::Untouched, Work::RaisesOther, Of(kBefore)},
         {RecordRule::Clear, Work::RaisesRuntimeError, Failure(6, "Overflow", "Member")},
         {RecordRule::Keep, Work::RaisesOther, Failure(5, "Unexpected error: index 9", "Member")},
+        {RecordRule::Clear, Work::RaisesBadAlloc, Failure(7, "Out of memory", "Member")},
     };
     for (const auto& [rule, work, after] : cases) {
         Encoder::Impl impl(std::make_shared<ScriptedPcsc>());
         impl.error = kBefore;
         const auto run = [work] {
             if (work == Work::RaisesRuntimeError) throw command::RuntimeError(6, "Overflow", "ignored");
+            if (work == Work::RaisesBadAlloc) throw std::bad_alloc();
             if (work == Work::RaisesOther) throw std::out_of_range("index 9");
             return sceSuccess;
         };
@@ -48,24 +49,6 @@ TEST(Guard, AppliesItsRuleAndNeverThrows) {
                       "Text", []() -> std::string { throw std::bad_alloc(); }, rule),
                   "");
     }
-}
-
-// A driver that throws where it should answer a code.
-class ThrowingPcsc : public ScriptedPcsc {
-public:
-    std::uint32_t Status(PcscHandle, PcscStatus&) override { throw std::bad_alloc(); }
-};
-
-TEST(EncoderEdge, AnExceptionFromBelowBecomesTheRecordOfTheMember) {
-    RegistryDir registry;
-    Encoder encoder(std::make_shared<ThrowingPcsc>());
-    ASSERT_EQ(encoder.OpenEncoder(), sceSuccess);
-    std::string uid = "kept";
-    EXPECT_EQ(encoder.ReadSerialNumber(uid), sceError);
-    EXPECT_EQ(Of(encoder.LastError()), Failure(7, "Out of memory", "ReadSerialNumber"));
-    EXPECT_EQ(uid, "kept");
-    EXPECT_EQ(encoder.EncoderState(), sceReady);  // an open encoder whose probe was cut short
-    EXPECT_EQ(Of(encoder.LastError()), Cleared("EncoderState"));
 }
 
 const std::string kCapabilities = "Encoding capabilities=Mifare Classic, Mifare Ultralight, Mifare DESFire\r\nDevice=";
@@ -79,29 +62,21 @@ struct EntriesCase {
 TEST(ParametersText, YieldsTheEntriesByTheParsingRules) {
     const EntriesCase cases[] = {
         {"Device=Reader 1;Protocol=1", "Reader 1"},
-        {"DEVICE = Reader 2", "Reader 2"},
         {"  dEvIcE   =   Virtual PCD 00 00   ;", "Virtual PCD 00 00"},
         // Lines: a ";" stays in the value.
         {"Device=A;B\r\nProtocol=1", "A;B"},
-        {"Protocol=1\r\nDevice=Reader;01\r\n", "Reader;01"},
         // A key alone is an empty value; a text without the key leaves it out.
         {"Device", ""},
-        {"Device=", ""},
-        {"Protocol=1;Speed=9600", std::nullopt},
-        {"", std::nullopt},
         {"Devices=X;Dev=Y; =Z;=W", std::nullopt},
         // The later entry wins; the value keeps everything after the first "=".
         {"Device=X;device=Y", "Y"},
         {"Device=a=b", "a=b"},
-        {"Device=A\r\nDevice=B;C", "B;C"},
         // Only blanks are trimmed; a lone LF does not separate entries.
         {"Device=\tR\t", "\tR\t"},
         {"Device=R1\nProtocol=1", "R1\nProtocol=1"},
         // Conformance: "card" in any case, any other value is the default.
-        {"Conformance=card", std::nullopt, true},
         {" CONFORMANCE = Card ;Device=R", "R", true},
         {"Conformance=cards", std::nullopt, false},
-        {"Conformance", std::nullopt, false},
         {"Conformance=card;conformance=spec", std::nullopt, false},
         {"Conformance=card\r\nDevice=R;Conformance=x", "R;Conformance=x", true},
     };
@@ -137,34 +112,26 @@ TEST(Information, ShowsTheVersionAndAFreshInstanceNumberPerEncoder) {
     RegistryDir registry;
     Encoder first(std::make_shared<ScriptedPcsc>());
     Encoder second(std::make_shared<ScriptedPcsc>());
-    const std::string version = std::to_string(ELATECTWN4_VERSION_MAJOR) + "\\." +
-                                std::to_string(ELATECTWN4_VERSION_MINOR) + "\\." +
-                                std::to_string(ELATECTWN4_VERSION_PATCH);
-    const std::regex shape("Pellucid\\|Elatec TWN4\\|" + version +
-                           "\\|1\\|(0|[1-9][0-9]{0,4})\\|Mifare Classic, Mifare Ultralight, Mifare DESFire");
-    std::set<std::string> numbers;
     std::vector<std::string> a, b;
     for (int i = 0; i < 10; ++i) {
         first.LastError().Number = 5;
         a.push_back(first.GetInformation());
-        EXPECT_EQ(Of(first.LastError()), Cleared("GetInformation"));
         b.push_back(second.GetInformation());
-        std::smatch match;
-        ASSERT_TRUE(std::regex_match(a.back(), match, shape)) << a.back();
-        numbers.insert(match[1]);
     }
+    EXPECT_EQ(Of(first.LastError()), Cleared("GetInformation"));
+    const int number = std::stoi(a[0].substr(a[0].find("|1|") + 3));
+    EXPECT_EQ(a[0],
+              InformationText(ELATECTWN4_VERSION_MAJOR, ELATECTWN4_VERSION_MINOR, ELATECTWN4_VERSION_PATCH, number));
     // Ten draws from 100000 values all equal would mean the draw is not fresh.
-    EXPECT_GT(numbers.size(), 1u);
+    EXPECT_GT(std::set<std::string>(a.begin(), a.end()).size(), 1u);
     EXPECT_NE(a, b);
 }
 
 TEST(ReaderVersion, IsShownAsFourDottedPartsMostSignificantFirst) {
     const std::pair<std::vector<std::uint8_t>, const char*> cases[] = {
         {{0x04, 0x03, 0x02, 0x01}, "1.2.3.4"},
-        {{0x00, 0x00, 0x00, 0x00}, "0.0.0.0"},
         {{0xFF, 0xFE, 0xFD, 0xFC}, "252.253.254.255"},
-        {{0x10, 0x27}, "0.0.39.16"},  // a short value is the low bytes
-        {{0x01}, "0.0.0.1"},
+        {{0x10, 0x27}, "0.0.39.16"},                  // a short value is the low bytes
         {{0x04, 0x03, 0x02, 0x01, 0x99}, "1.2.3.4"},  // bytes beyond a DWORD are not part of it
         {{}, ""},
     };
