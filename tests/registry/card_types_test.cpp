@@ -71,11 +71,13 @@ TEST(Identify, FindsTheTypeAndRecordsOnlyWhatItMust) {
         // Only values of exactly three fields with a fragment are entries; the numbers are hex.
         {"\"Short\"=\"31;3B81\"\r\n\"Long\"=\"31;3B81;7;x\"\r\n\"None\"=\"31;;7\"\r\n\"Real\"=\"21;3B;A\"\r\n",
          "3B8180", "3B8180", 0x21, 10, false},
+        {"\"X\"=\"1a;3B;ff\"\r\n", "3B00", "3B00", 0x1A, 0xFF, false},
         {"\"X\"=\"31;3B;zz\"\r\n", "3B00", "3B00", 0x31, none, false},
         {"\"Bad\"=\"ZZ;3B;7\"\r\n" + kAddNew, "3B8180", "3B8180", 1, 7, true},  // no type: still unknown
         // Recording: only with Add new cards set, and only once.
         {kAddNew, "3b 81 80 01", "3B 81 80 01", 1, none, true},
         {"\"Add new cards\"=\"1\"\r\n", "3B01", "3B01", 1, none, true},
+        {kDesfire, "3B0000", "3B0000", 1, none, false},
         {"\"Add new cards\"=dword:00000000\r\n", "3B0000", "3B0000", 1, none, false},
         {kAddNew + "\"Unknown (2023-01-02 03:04:05)\"=\"3b 81 80 01\"\r\n", "3B 81 80 01", "3B 81 80 01", 1, none,
          false},

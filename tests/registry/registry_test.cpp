@@ -76,12 +76,16 @@ TEST(RegistryValues, EveryKindReadsBackAsTheRegistryKeepsIt) {
         {RegData{""s}, "\"\""},
         {RegData{"ab\0cd"s}, "\"ab\""},  // cut at the first NUL
         {RegData{std::int32_t{-1}}, "#4294967295"},
+        {RegData{std::uint32_t{0x80000000}}, "#2147483648"},
         {RegData{std::int16_t{-2}}, "#4294967294"},  // sign-extended
         {RegData{std::uint8_t{200}}, "#200"},
         {RegData{true}, "#1"},
+        {RegData{false}, "#0"},
+        {RegData{0.1}, "\"0.1\""},
         {RegData{2.0 / 3.0}, "\"0.666666666666667\""},
         {RegData{1e15}, "\"1E+15\""},
         {RegData{-1.5e-5}, "\"-1.5E-05\""},
+        {RegData{42.0}, "\"42\""},
         {RegData{1.0f / 3.0f}, "\"0.3333333\""},
         {RegData{At(2024, 2, 29, 13, 5, 9)}, "\"2024-02-29 13:05:09\""},
         {RegData{At(2024, 2, 29, 0, 0, 0)}, "\"2024-02-29\""},
@@ -101,6 +105,7 @@ TEST(RegistryValues, RefusedWritesRecordTheirTextAndStillCreateTheKey) {
         {"v", RegData{}, Is("false", result::kInvalidData, kType)},
         {"v", RegData{std::vector<std::uint8_t>{1, 2}}, Is("false", result::kInvalidData, kType)},
         {"v", RegData{std::numeric_limits<double>::quiet_NaN()}, Is("false", result::kInvalidData, kType)},
+        {"v", RegData{std::numeric_limits<float>::infinity()}, Is("false", result::kInvalidData, kType)},
         {"two\nlines", RegData{1}, Is("false", result::kInvalidParameter, "Error while writing data in the Registry")},
     };
     for (const auto& [name, data, outcome] : refused) {
