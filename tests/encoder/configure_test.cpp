@@ -71,8 +71,8 @@ TEST_F(Configure, OpensWithTheLanguageTheListedReadersAndTheConfiguredOneThrough
         const char* language;
     };
     const Case cases[] = {
-        {{std::string("francais")}, "fr"}, {{std::string("english")}, "en"},   {{}, "en"},  // the language left out
-        {{std::string("Francais")}, "en"}, {{std::string(" francais")}, "en"},
+        {{std::string("francais")}, "fr"}, {{std::string("english")}, "en"},  {{}, "en"},  // the language left out
+        {{std::string("Francais")}, "en"}, {{std::string("français")}, "en"}, {{std::string(" francais")}, "en"},
     };
     for (Case c : cases) {
         SCOPED_TRACE(c.language);
@@ -155,6 +155,8 @@ TEST_F(Configure, FailsAtOnceWhenTheDialogCannotBeShown) {
     };
     const std::string prefix = std::string("90010F07 | ") + kUnavailable + " | 0 | Configure | ";
     const Case cases[] = {
+        {FAKE_DIALOG, nullptr, nullptr,
+         prefix + FAKE_DIALOG + " | No display: neither DISPLAY nor WAYLAND_DISPLAY is set"},
         {FAKE_DIALOG, "", "", prefix + FAKE_DIALOG + " | No display: neither DISPLAY nor WAYLAND_DISPLAY is set"},
         {"/nonexistent/twn4-configure", ":7", nullptr,
          prefix + "/nonexistent/twn4-configure | The dialog program is not installed"},

@@ -30,6 +30,7 @@ TEST(Guard, AppliesItsRuleAndNeverThrows) {
         {RecordRule::Keep, false, Of(kBefore)},
         {RecordRule::Untouched, true, Of(kBefore)},
         {RecordRule::Keep, true, Failure(5, "Unexpected error: index 9", "Member")},
+        {RecordRule::Clear, true, Failure(5, "Unexpected error: index 9", "Member")},
     };
     for (const auto& [rule, raises, after] : cases) {
         Encoder::Impl impl(std::make_shared<ScriptedPcsc>());
@@ -72,21 +73,29 @@ struct EntriesCase {
 TEST(ParametersText, YieldsTheEntriesByTheParsingRules) {
     const EntriesCase cases[] = {
         {"Device=Reader 1;Protocol=1", "Reader 1"},
+        {"DEVICE = Reader 2", "Reader 2"},
         {"  dEvIcE   =   Virtual PCD 00 00   ;", "Virtual PCD 00 00"},
         // Lines: a ";" stays in the value.
         {"Device=A;B\r\nProtocol=1", "A;B"},
+        {"Protocol=1\r\nDevice=Reader;01\r\n", "Reader;01"},
         // A key alone is an empty value; a text without the key leaves it out.
         {"Device", ""},
+        {"Device=", ""},
+        {"Protocol=1;Speed=9600", std::nullopt},
+        {"", std::nullopt},
         {"Devices=X;Dev=Y; =Z;=W", std::nullopt},
         // The later entry wins; the value keeps everything after the first "=".
         {"Device=X;device=Y", "Y"},
         {"Device=a=b", "a=b"},
+        {"Device=A\r\nDevice=B;C", "B;C"},
         // Only blanks are trimmed; a lone LF does not separate entries.
         {"Device=\tR\t", "\tR\t"},
         {"Device=R1\nProtocol=1", "R1\nProtocol=1"},
         // Conformance: "card" in any case, any other value is the default.
+        {"Conformance=card", std::nullopt, true},
         {" CONFORMANCE = Card ;Device=R", "R", true},
         {"Conformance=cards", std::nullopt, false},
+        {"Conformance", std::nullopt, false},
         {"Conformance=card;conformance=spec", std::nullopt, false},
         {"Conformance=card\r\nDevice=R;Conformance=x", "R;Conformance=x", true},
     };
@@ -140,6 +149,8 @@ TEST(Information, ShowsTheVersionAndAFreshInstanceNumberPerEncoder) {
 TEST(ReaderVersion, IsShownAsFourDottedPartsMostSignificantFirst) {
     const std::pair<std::vector<std::uint8_t>, const char*> cases[] = {
         {{0x04, 0x03, 0x02, 0x01}, "1.2.3.4"},
+        {{0x00, 0x00, 0x00, 0x00}, "0.0.0.0"},
+        {{0x01}, "0.0.0.1"},
         {{0xFF, 0xFE, 0xFD, 0xFC}, "252.253.254.255"},
         {{0x10, 0x27}, "0.0.39.16"},                  // a short value is the low bytes
         {{0x04, 0x03, 0x02, 0x01, 0x99}, "1.2.3.4"},  // bytes beyond a DWORD are not part of it

@@ -291,7 +291,7 @@ TEST_F(Session, EscapeSendsWholeHexBytesAsWrittenAndReturnsTheRawAnswer) {
     const auto failed = [](std::uint32_t code) {
         return Failure(kCommandFailed, "Encoder command failed", "Escape", "SCardTransmit:Escape", Text(code));
     };
-    for (const char* command : {"FFC", "FF CA 00 00 00\r\n"}) {
+    for (const char* command : {"FF ZZ 00", "FFC", "0xFF", "FF CA 00 00 00\r\n"}) {
         EXPECT_EQ(encoder->Escape(command, answer), sceError);
         EXPECT_EQ(answer, "01029000");
         EXPECT_EQ(Of(encoder->LastError()), failed(0x80100004)) << command;
@@ -345,7 +345,8 @@ TEST_F(Session, InReaderModeSwitchesToTheSimpleProtocolAndConnectsAgain) {
     const Case cases[] = {
         {"90 00", {"TWN4 SAM", "Reader A"}, "Reader A"},              // the configured reader is listed
         {"90 00", {"TWN4 CCID 01", "TWN4 CCID 02"}, "TWN4 CCID 01"},  // it is gone
-        {"6A 81", {}, "Reader A"},                                    // the reader refused the switch
+        {"90 00", {}, "Reader A"},
+        {"6A 81", {}, "Reader A"},  // the reader refused the switch
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.chosen);
