@@ -32,6 +32,7 @@ TEST(ParseScript, YieldsTheCallsOrSaysWhereAndWhyNot) {
         {"ReadDataBloc 4", "line 1: missing argument 2 (Key As String)"},
         {"ReadSerialNumber x y", "line 1: ReadSerialNumber takes at most 1 argument"},
         {"ATRString\nReadDataBloc 4 \"FFFF", "line 2: unterminated \" quote"},
+        {longName, "line 1: unknown member \"" + std::string(40, 'Q') + "...\""},
         {"ReadDataBloc " + longName, "got \"" + std::string(40, 'Q') + "...\""},
     };
     for (const auto& [script, expected] : cases) {
