@@ -20,6 +20,34 @@ TEST(SplitLine, HonoursBothQuotesAndEscapes) {
     EXPECT_THROW(SplitLine("M 'open"), UsageError);
 }
 
+// Blank and comment lines are skipped; a call that cannot be made names its
+// line, its argument and the reason, with an overlong word cut.
+TEST(ParseScript, YieldsTheCallsOrSaysWhereAndWhyNot) {
+    const std::string longName(100000, 'Q');
+    const std::pair<std::string, std::string> cases[] = {
+        {"# note\r\n\v \f\nReadSerialNumber\r\necho Writing\r\n", "calls: ReadSerialNumber,echo Writing"},
+        {"\xEF\xBB\xBFReadSerialNumber\n", "calls: ReadSerialNumber"},
+        {"NoSuchMember", "line 1: unknown member \"NoSuchMember\""},
+        {"ReadSerialNumber\nReadDataBloc 4 FFFFFFFFFFFF zero", "line 2, argument 3 (KeyType)"},
+        {"ReadDataBloc 4", "line 1: missing argument 2 (Key As String)"},
+        {"ReadSerialNumber x y", "line 1: ReadSerialNumber takes at most 1 argument"},
+        {"ATRString\nReadDataBloc 4 \"FFFF", "line 2: unterminated \" quote"},
+        {longName, "line 1: unknown member \"" + std::string(40, 'Q') + "...\""},
+        {"ReadDataBloc " + longName, "got \"" + std::string(40, 'Q') + "...\""},
+    };
+    for (const auto& [script, expected] : cases) {
+        std::string seen = "calls:";
+        try {
+            for (const auto& call : ParseScript(script))
+                seen += (seen.ends_with(':') ? " " : ",") +
+                        (call.member ? std::string(call.member->name) : "echo " + call.narration);
+        } catch (const UsageError& e) {
+            seen = e.what();
+        }
+        EXPECT_NE(seen.find(expected), std::string::npos) << seen;
+    }
+}
+
 // Trailing in/out arguments get their type's default; an omitted optional
 // argument is left to the dispatcher.
 TEST(MakeCall, CompletesArgumentsAsTheMemberNeeds) {

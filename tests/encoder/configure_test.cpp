@@ -66,13 +66,12 @@ protected:
 };
 
 TEST_F(Configure, OpensWithTheLanguageTheListedReadersAndTheConfiguredOneThroughDispatchToo) {
-    EXPECT_EQ(FindMember("_Encoder", "Configure", MemberKind::Method)->dispId, 17);
     struct Case {
         std::vector<Variant> args;
         const char* language;
     };
     const Case cases[] = {
-        {{std::string("francais")}, "fr"}, {{std::string("english")}, "en"},  {{}, "en"},
+        {{std::string("francais")}, "fr"}, {{std::string("english")}, "en"},  {{}, "en"},  // the language left out
         {{std::string("Francais")}, "en"}, {{std::string("français")}, "en"}, {{std::string(" francais")}, "en"},
     };
     for (Case c : cases) {

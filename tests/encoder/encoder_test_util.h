@@ -41,13 +41,6 @@ inline std::vector<std::string> Trail(const ScriptedPcsc& fake) {
     return lines;
 }
 
-/// The calls made since `from` calls had been seen.
-inline std::vector<std::string> TrailSince(const ScriptedPcsc& fake, std::size_t from) {
-    auto lines = Trail(fake);
-    lines.erase(lines.begin(), lines.begin() + static_cast<std::ptrdiff_t>(std::min(from, lines.size())));
-    return lines;
-}
-
 // The scripted fake's default handles and the calls an open makes with them.
 inline const std::string kEstablish = "EstablishContext scope=2";
 inline const std::string kRelease = "ReleaseContext context=0x1001";

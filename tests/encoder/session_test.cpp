@@ -59,7 +59,10 @@ public:
         mark = fake->Calls().size();
     }
 
-    std::vector<std::string> Since() const { return TrailSince(*fake, mark); }
+    std::vector<std::string> Since() const {
+        const auto lines = Trail(*fake);
+        return {lines.begin() + static_cast<std::ptrdiff_t>(mark), lines.end()};
+    }
 
     RegistryDir registry;
     std::shared_ptr<ScriptedPcsc> fake;

@@ -1,15 +1,9 @@
-// Checks of the COM server that a script cannot see: that the type library
-// embedded in the DLL lists exactly the member table's rows (names, ids,
-// kinds, parameters, directions, optional ones, types, vtable slots), the
-// HRESULT and argument position IDispatch::Invoke gives for calls that
-// cannot be made, and that the dual interfaces' vtables, called as an
-// early-bound C++ host calls them (through the header widl writes from the
-// same IDL), give what IDispatch gives.
-// Loads the DLL itself (no registration needed). Usage: com_check DLL
-// [DESFIRE-READER MIFARE-READER]; with the readers of the test build's
-// simulated cards, also what a byte array comes back as, which scripts
-// under Wine cannot read, and early-bound calls that reach a card.
-// Prints one line per failure and a final count; exits with that count.
+// What only a C++ host sees of the COM server: the type library embedded in
+// the DLL against the member table (vtable slots included), the HRESULT and
+// argument position Invoke gives for calls that cannot be made, a byte array
+// as a SAFEARRAY, and the dual interfaces' vtables (through the header widl
+// writes) against IDispatch. Usage: com_check DLL [DESFIRE-READER
+// MIFARE-READER]. Prints one line per failure; exits with their count.
 // clang-format off
 #include <windows.h>
 #include <oleauto.h>
@@ -51,8 +45,8 @@ const char* KindName(MemberKind kind) {
     return kind == MemberKind::Method ? "method" : kind == MemberKind::PropertyGet ? "get" : "put";
 }
 
-// "name id kind (param:vt:flags ...)": one line per member, the same for a
-// row of the table and for a function of the type library.
+// "name id kind (param:vt:flags ...)": the same line for a row of the table
+// and for a function of the type library.
 std::string RowLine(const MemberInfo& m) {
     std::string line = std::string(m.name) + " " + std::to_string(m.dispId) + " " + KindName(m.kind) + " (";
     for (const auto& p : m.params) {
@@ -103,7 +97,6 @@ void CheckTypeLibrary(const std::wstring& dll) {
         for (const auto& row : MemberRows()) {
             if (row.info.interfaceName == name) rows.push_back(RowLine(row.info));
         }
-        const std::set<std::string> expected(rows.begin(), rows.end());
         ITypeInfo* dispatch = nullptr;
         ITypeInfo* info = nullptr;
         HREFTYPE vtable = 0;
@@ -128,38 +121,30 @@ void CheckTypeLibrary(const std::wstring& dll) {
             info->ReleaseFuncDesc(f);
         }
         info->ReleaseTypeAttr(attributes);
-        for (const auto& line : expected)
-            Expect(found.count(line) == 1, std::string(name) + ": the library lacks " + line);
-        for (const auto& line : found)
-            Expect(expected.count(line) == 1, std::string(name) + ": the table lacks " + line);
+        Expect(found == std::set<std::string>(rows.begin(), rows.end()),
+               std::string(name) + ": the library's functions are not the table's rows");
         info->Release();
         dispatch->Release();
     }
     library->Release();
 }
 
+VARIANT Of(VARTYPE type, LONG number = 0, const wchar_t* text = nullptr, void* reference = nullptr) {
+    VARIANT v;
+    VariantInit(&v);
+    V_VT(&v) = type;
+    if (type == VT_BSTR) V_BSTR(&v) = SysAllocString(text);
+    if (type == VT_I4) V_I4(&v) = number;
+    if (type == VT_ERROR) V_ERROR(&v) = DISP_E_PARAMNOTFOUND;  // an argument left out
+    if (type & VT_BYREF) V_BYREF(&v) = reference;
+    if (type == VT_DISPATCH) V_DISPATCH(&v) = static_cast<IDispatch*>(reference);
+    return v;
+}
 VARIANT Text(const wchar_t* text) {
-    VARIANT v;
-    VariantInit(&v);
-    V_VT(&v) = VT_BSTR;
-    V_BSTR(&v) = SysAllocString(text);
-    return v;
+    return Of(VT_BSTR, 0, text);
 }
-
 VARIANT Long(LONG value) {
-    VARIANT v;
-    VariantInit(&v);
-    V_VT(&v) = VT_I4;
-    V_I4(&v) = value;
-    return v;
-}
-
-VARIANT Missing() {
-    VARIANT v;
-    VariantInit(&v);
-    V_VT(&v) = VT_ERROR;
-    V_ERROR(&v) = DISP_E_PARAMNOTFOUND;
-    return v;
+    return Of(VT_I4, value);
 }
 
 // Calls a member through IDispatch::Invoke, arguments in the member's order.
@@ -185,14 +170,11 @@ std::string Shown(VARIANT value) {
     VariantClear(&text);
     return out;
 }
-std::string Shown(BSTR text) {
-    return Narrow(text);
-}
 std::string Shown(LONG value) {
     return std::to_string(value);
 }
 
-// What IDispatch gives for a call, as text ("" for none).
+// What IDispatch gives for a call, as text.
 std::string DispatchText(IDispatch* object, const wchar_t* member, std::vector<VARIANT> args = {},
                          WORD flags = DISPATCH_METHOD | DISPATCH_PROPERTYGET) {
     VARIANT result;
@@ -202,92 +184,51 @@ std::string DispatchText(IDispatch* object, const wchar_t* member, std::vector<V
     return text;
 }
 
-VARIANT Reference(VARIANT* target) {
-    VARIANT v;
-    V_VT(&v) = VT_BYREF | VT_VARIANT;
-    V_VARIANTREF(&v) = target;
-    return v;
-}
-
-struct Call {
-    const char* what;
-    const wchar_t* member;
-    std::vector<VARIANT> args;  // in the member's order
-    WORD flags;
-    HRESULT expected;
-    UINT argumentError;  // as Invoke reports it: counted from the last argument
-};
-
 void CheckInvoke(IDispatch* encoder) {
-    // Case-insensitive names, as automation expects.
-    for (const wchar_t* spelling : {L"ReadDataBloc", L"readdatabloc", L"READDATABLOC"}) {
-        LPOLESTR name = const_cast<LPOLESTR>(spelling);
-        DISPID id = 0;
-        Expect(encoder->GetIDsOfNames(IID_NULL, &name, 1, 0, &id) == S_OK && id == 30,
-               "GetIDsOfNames " + Narrow(spelling) + " gives 30");
-    }
-    LPOLESTR unknown = const_cast<LPOLESTR>(L"NoSuchMember");
-    DISPID id = 0;
-    Expect(encoder->GetIDsOfNames(IID_NULL, &unknown, 1, 0, &id) == DISP_E_UNKNOWNNAME && id == DISPID_UNKNOWN,
+    LPOLESTR names[] = {const_cast<LPOLESTR>(L"readdatabloc"), const_cast<LPOLESTR>(L"NoSuchMember")};
+    DISPID ids[2] = {};
+    Expect(encoder->GetIDsOfNames(IID_NULL, &names[0], 1, 0, &ids[0]) == S_OK && ids[0] == 30,
+           "GetIDsOfNames ignores case");
+    Expect(encoder->GetIDsOfNames(IID_NULL, &names[1], 1, 0, &ids[1]) == DISP_E_UNKNOWNNAME && ids[1] == DISPID_UNKNOWN,
            "GetIDsOfNames of an unknown name");
 
     BSTR contents = SysAllocString(L"untouched");
     LONG wrongReference = 0;
-    VARIANT byStringRef;
-    V_VT(&byStringRef) = VT_BYREF | VT_BSTR;
-    V_BSTRREF(&byStringRef) = &contents;
-    VARIANT byLongRef;
-    V_VT(&byLongRef) = VT_BYREF | VT_I4;
-    V_I4REF(&byLongRef) = &wrongReference;
-    VARIANT object;
-    V_VT(&object) = VT_DISPATCH;
-    V_DISPATCH(&object) = encoder;
-
-    const std::vector<Call> calls{
-        {"too few arguments", L"ReadDataBloc", {Long(4)}, DISPATCH_METHOD, DISP_E_BADPARAMCOUNT, ~0u},
-        {"too many arguments", L"CloseEncoder", {Long(1)}, DISPATCH_METHOD, DISP_E_BADPARAMCOUNT, ~0u},
-        {"text for a Byte",
-         L"ReadDataBloc",
-         {Long(4), Text(L"FFFFFFFFFFFF"), Text(L"x"), byStringRef},
-         DISPATCH_METHOD,
-         DISP_E_TYPEMISMATCH,
-         1},
+    const VARIANT block = Of(VT_BYREF | VT_BSTR, 0, nullptr, &contents);
+    const VARIANT key = Text(L"FFFFFFFFFFFF");
+    // Arguments in the member's order; the position as Invoke counts it, from the last argument.
+    const struct {
+        const char* what;
+        const wchar_t* member;
+        std::vector<VARIANT> args;
+        HRESULT expected;
+        UINT argumentError;
+    } calls[] = {
+        {"too few arguments", L"ReadDataBloc", {Long(4)}, DISP_E_BADPARAMCOUNT, ~0u},
+        {"text for a Byte", L"ReadDataBloc", {Long(4), key, Text(L"x"), block}, DISP_E_TYPEMISMATCH, 1},
         {"an object for a Long",
          L"ReadDataBloc",
-         {object, Text(L"FFFFFFFFFFFF"), Long(0), byStringRef},
-         DISPATCH_METHOD,
+         {Of(VT_DISPATCH, 0, nullptr, encoder), key, Long(0), block},
          DISP_E_TYPEMISMATCH,
          3},
-        {"a Byte out of range",
-         L"ReadDataBloc",
-         {Long(4), Text(L"FFFFFFFFFFFF"), Long(256), byStringRef},
-         DISPATCH_METHOD,
-         DISP_E_OVERFLOW,
-         1},
+        {"a Byte out of range", L"ReadDataBloc", {Long(4), key, Long(256), block}, DISP_E_OVERFLOW, 1},
         {"a reference to a Long for a String",
          L"ReadDataBloc",
-         {Long(4), Text(L"FFFFFFFFFFFF"), Long(0), byLongRef},
-         DISPATCH_METHOD,
+         {Long(4), key, Long(0), Of(VT_BYREF | VT_I4, 0, nullptr, &wrongReference)},
          DISP_E_TYPEMISMATCH,
          0},
         {"a required argument left out",
          L"ReadDataBloc",
-         {Long(4), Missing(), Long(0), byStringRef},
-         DISPATCH_METHOD,
+         {Long(4), Of(VT_ERROR), Long(0), block},
          DISP_E_PARAMNOTOPTIONAL,
          2},
-        {"an optional argument left out", L"OpenEncoder", {Missing()}, DISPATCH_METHOD, S_OK, ~0u},
-        {"a member's own failure",
-         L"ReadDataBloc",
-         {Long(4), Text(L"FFFF"), Long(0), byStringRef},
-         DISPATCH_METHOD,
-         S_OK,
-         ~0u},
+        {"an optional argument left out", L"OpenEncoder", {Of(VT_ERROR)}, S_OK, ~0u},
+        {"a member's own failure", L"ReadDataBloc", {Long(4), Text(L"FFFF"), Long(0), block}, S_OK, ~0u},
     };
     for (const auto& call : calls) {
         VARIANT result;
         UINT argumentError = ~0u;
-        const HRESULT hr = Dispatch(encoder, call.member, call.flags, call.args, &result, &argumentError);
+        const HRESULT hr = Dispatch(encoder, call.member, DISPATCH_METHOD, call.args, &result, &argumentError);
         char text[160];
         std::snprintf(text, sizeof text, "%s: HRESULT %08lX (expected %08lX), argument %u (expected %u)", call.what,
                       static_cast<unsigned long>(hr), static_cast<unsigned long>(call.expected), argumentError,
@@ -302,19 +243,18 @@ void CheckInvoke(IDispatch* encoder) {
     SysFreeString(contents);
 }
 
-// DESFireGetVersion -2 into a VARIANT passed by reference: the whole
-// version record as a SAFEARRAY of bytes.
+// DESFireGetVersion -2 into a VARIANT by reference: the whole version record
+// as a SAFEARRAY of bytes, which scripts under Wine cannot read.
 void CheckByteArray(IDispatch* encoder, const wchar_t* reader) {
     // One at a time: the operands of + are evaluated in no fixed order.
     std::string opened =
         DispatchText(encoder, L"Parameters", {Text((L"Device=" + std::wstring(reader)).c_str())}, DISPATCH_PROPERTYPUT);
     opened += DispatchText(encoder, L"OpenEncoder");
     opened += DispatchText(encoder, L"DESFireSelectRoot", {Text(L"0000000000000000")});
-    Expect(opened == "00", "Parameters, OpenEncoder, DESFireSelectRoot: " + opened);
     VARIANT information;
     VariantInit(&information);
-    Expect(DispatchText(encoder, L"DESFireGetVersion", {Long(-2), Reference(&information)}) == "0",
-           "DESFireGetVersion");
+    opened +=
+        DispatchText(encoder, L"DESFireGetVersion", {Long(-2), Of(VT_BYREF | VT_VARIANT, 0, nullptr, &information)});
     std::string hex;
     if (V_VT(&information) == (VT_ARRAY | VT_UI1)) {
         unsigned char* bytes = nullptr;
@@ -326,17 +266,17 @@ void CheckByteArray(IDispatch* encoder, const wchar_t* reader) {
         }
         SafeArrayUnaccessData(V_ARRAY(&information));
     }
-    Expect(hex == "0401010100180504010101041805045A3B2C1D0E80BA451260302C13",
-           "DESFireGetVersion -2 as VT_ARRAY | VT_UI1: " + std::to_string(V_VT(&information)) + " " + hex);
+    Expect(
+        opened == "000" && hex == "0401010100180504010101041805045A3B2C1D0E80BA451260302C13",
+        "DESFireGetVersion -2 as VT_ARRAY | VT_UI1: " + opened + " " + std::to_string(V_VT(&information)) + " " + hex);
     VariantClear(&information);
 }
 
 // The dual interfaces called through their vtables, as an early-bound host
-// calls them, against IDispatch on the same object: properties, an optional
-// argument left out, in/out arguments of several types, and LastError's
-// record read and written through _CError's vtable. With the
-// reader of a simulated MIFARE card the calls succeed (sector 1 gets a
-// trailer and reads it back); without, they fail and leave their record.
+// calls them, against IDispatch on the same object: an optional argument
+// left out, in/out arguments of several types, and LastError's record read
+// and written through _CError's vtable. On the reader of a simulated MIFARE
+// card sector 1 gets a trailer and reads it back; without, the calls fail.
 void CheckEarlyBinding(IClassFactory* factory, const wchar_t* reader) {
     _Encoder* early = nullptr;
     Expect(SUCCEEDED(factory->CreateInstance(nullptr, win::kEncoderInterfaceGuid, reinterpret_cast<void**>(&early))),
@@ -345,26 +285,17 @@ void CheckEarlyBinding(IClassFactory* factory, const wchar_t* reader) {
     IDispatch* late = nullptr;
     early->QueryInterface(IID_IDispatch, reinterpret_cast<void**>(&late));
     BSTR device = SysAllocString((L"Device=" + std::wstring(reader ? reader : L"Virtual PCD 00 09")).c_str());
-    BSTR parameters = nullptr;
     early->put_Parameters(device);
-    early->get_Parameters(&parameters);
-    Expect(
-        Shown(parameters).ends_with("\r\n" + Narrow(device)) && DispatchText(late, L"Parameters") == Shown(parameters),
-        "Parameters put and got through the vtable: " + Shown(parameters));
     ::sceReturnCode result = ::sceCanceled;
-    ::sceEncoderState state{};
     early->OpenEncoder(0, &result);
-    early->get_EncoderState(&state);
-    Expect(result == (reader ? ::sceSuccess : ::sceError) && Shown(state) == (reader ? "3" : "1") &&
-               DispatchText(late, L"EncoderState") == Shown(state),
-           "OpenEncoder " + Shown(result) + ", EncoderState " + Shown(state));
+    Expect(result == (reader ? ::sceSuccess : ::sceError), "OpenEncoder through the vtable: " + Shown(result));
 
     BSTR keys[] = {SysAllocString(L"FFFFFFFFFFFF"), SysAllocString(L"A0A1A2A3A4A5"), SysAllocString(L"B0B1B2B3B4B5"),
                    SysAllocString(L"FFFF")};
     if (reader != nullptr) {
-        early->WriteSectorTrailer(1, keys[0], 0, keys[1], keys[2], 2, ::SCBS_SecurityLevelEnum(13),
-                                  ::SCBS_SecurityLevelEnum(13), ::SCBS_SecurityLevelEnum(13),
-                                  ::SCSS_SecurityLevelEnum(12), Missing(), &result);
+        const auto level = ::SCBS_SecurityLevelEnum(13);
+        early->WriteSectorTrailer(1, keys[0], 0, keys[1], keys[2], 2, level, level, level, ::SCSS_SecurityLevelEnum(12),
+                                  Of(VT_ERROR), &result);
         Expect(result == ::sceSuccess, "WriteSectorTrailer with BX left out: " + Shown(result));
     }
     // Every out-argument starts as 99, so that one left unwritten shows.
@@ -380,7 +311,7 @@ void CheckEarlyBinding(IClassFactory* factory, const wchar_t* reader) {
     std::vector<VARIANT> args{Long(1), Text(L"B0B1B2B3B4B5"), Long(2)};
     for (auto& out : outs) {
         out = Long(99);
-        args.push_back(Reference(&out));
+        args.push_back(Of(VT_BYREF | VT_VARIANT, 0, nullptr, &out));
     }
     std::string dispatchOuts = DispatchText(late, L"ReadSectorTrailer", args);
     for (auto& out : outs)
@@ -392,26 +323,23 @@ void CheckEarlyBinding(IClassFactory* factory, const wchar_t* reader) {
     BSTR block = SysAllocString(L"untouched");
     early->ReadDataBloc(4, keys[3], 0, &block, &result);
     _CError* error = nullptr;
-    LONG number = 0;
-    BSTR function = nullptr;
     early->get_LastError(&error);
     Expect(result == ::sceError && SysStringLen(block) == 0 && error != nullptr,
-           "ReadDataBloc with a short key, then LastError as a _CError: " + Shown(block));
+           "ReadDataBloc with a short key, then LastError as a _CError");
+    BSTR function = nullptr;
     if (error != nullptr) {
         IDispatch* record = nullptr;
         error->QueryInterface(IID_IDispatch, reinterpret_cast<void**>(&record));
-        error->get_Number(&number);
         error->get_ComFunction(&function);
-        Expect(number != 0 && DispatchText(record, L"Number") == Shown(number) &&
-                   Shown(function) == "MifareAuthenticate:LoadKey" &&
-                   DispatchText(record, L"ComFunction") == Shown(function),
-               "LastError through the vtable: " + Shown(number) + " " + Shown(function));
+        Expect(Narrow(function) == "MifareAuthenticate:LoadKey" &&
+                   DispatchText(record, L"ComFunction") == Narrow(function),
+               "ComFunction through the vtable: " + Narrow(function));
         error->put_Number(7);
         Expect(DispatchText(record, L"Number") == "7", "Number put through the vtable");
         record->Release();
         error->Release();
     }
-    for (BSTR text : {device, parameters, keys[0], keys[1], keys[2], keys[3], block, function})
+    for (BSTR text : {device, keys[0], keys[1], keys[2], keys[3], block, function})
         SysFreeString(text);
     late->Release();
     early->Release();
