@@ -1,4 +1,4 @@
-// The hex codec (its round trips are the hex fuzz target's), and key material
+// The hex codec (its round trips are the formats fuzz target's), and key material
 // that wipes itself.
 #include "cipher/bytes.h"
 
@@ -67,7 +67,7 @@ TEST(Hex, WritesUpperCaseAndReadsWhatEachSyntaxAccepts) {
         EXPECT_EQ(HexNumber(bad), std::nullopt) << bad;
 }
 
-// What any text reads to is the hex fuzz target's; here the syntaxes and the
+// What any text reads to is the formats fuzz target's; here the syntaxes and the
 // expected lengths it does not vary.
 TEST(IsHexText, RefusesTextOfAnotherLengthAndThenLeavesItAlone) {
     struct Case {

@@ -4,7 +4,7 @@
 // hand); the options word, the key table and the vector: every refusal with
 // its exact message, and that a refusal changes nothing; ConvertData's forms;
 // and the CRC_A of ISO/IEC 14443-3 that DESFire frames carry. Hex goes through
-// the component's codec, which the hex fuzz target holds to its round trips.
+// the component's codec, which the formats fuzz target holds to its round trips.
 #include "cipher/des.h"
 
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
 // The store's file format: what regedit exports must parse, what is damaged
 // must be reported with its line, and what we write is in regedit's format.
-// That what we write reads back equal is the registry fuzz target's promise.
+// That what we write reads back equal is the formats fuzz target's promise.
 #include "registry/reg_file.h"
 
 #include <gtest/gtest.h>
