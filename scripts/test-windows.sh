@@ -53,7 +53,12 @@ if [ ! -f "$WINEPREFIX/system.reg" ]; then
     mkdir -p "$cache"
     WINEPREFIX=$template.new wine wineboot.exe -i >/dev/null 2>&1
     WINEPREFIX=$template.new wineserver -w
-    mv "$template.new" "$template"
+    # A set-up that failed half-way is never kept for the next runs.
+    if [ -f "$template.new/system.reg" ]; then mv "$template.new" "$template"; else rm -rf "$template.new"; fi
+  fi
+  if [ ! -f "$template/system.reg" ]; then
+    echo "FAILED  Wine could not set up a prefix"
+    exit 1
   fi
   rm -rf "$WINEPREFIX"
   cp -a "$template" "$WINEPREFIX"
